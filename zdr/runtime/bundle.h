@@ -23,7 +23,7 @@ inline constexpr const char* kCFBundleShortVersionStringKey = "CFBundleShortVers
 inline constexpr const char* kCFBundleVersionKey = "CFBundleVersion";
 
 class Bundle {
-public:
+ public:
     static Bundle& main();
 
     std::optional<std::string> bundleIdentifier() const;
@@ -42,7 +42,7 @@ public:
     /// Creates an empty bundle (for tests and secondary bundles).
     Bundle() = default;
 
-private:
+ private:
     void loadEnvironment();
     mutable std::mutex mutex_;
     std::map<std::string, std::string> info_;

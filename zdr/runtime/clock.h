@@ -14,7 +14,7 @@
 namespace zdr {
 
 class Clock {
-public:
+ public:
     virtual ~Clock() = default;
     /// Wall-clock time.
     virtual std::chrono::system_clock::time_point now() const = 0;
@@ -30,7 +30,7 @@ public:
 /// A clock that moves only when told to. Starts at the given wall time and an
 /// uptime of zero.
 class ManualClock : public Clock {
-public:
+ public:
     explicit ManualClock(std::chrono::system_clock::time_point start = {})
         : wall_(start.time_since_epoch().count()) {}
 
@@ -51,7 +51,7 @@ public:
         advance(std::chrono::nanoseconds(static_cast<std::int64_t>(seconds * 1e9)));
     }
 
-private:
+ private:
     std::atomic<std::chrono::system_clock::rep> wall_;
     std::atomic<std::int64_t> uptime_{0};
 };

@@ -50,7 +50,14 @@ inline DispatchTime dispatchNow() { return std::chrono::steady_clock::now(); }
 /// about 100 years are clamped there.
 DispatchTime dispatchTimeAfter(double seconds);
 
-enum class DispatchQoS { userInteractive, userInitiated, defaultQoS, utility, background, unspecified };
+enum class DispatchQoS {
+    userInteractive,
+    userInitiated,
+    defaultQoS,
+    utility,
+    background,
+    unspecified
+};
 
 enum class DispatchFlags : unsigned { none = 0, barrier = 1 };
 
@@ -63,7 +70,7 @@ class QueueImpl;
 /// A block of work that can be cancelled before it starts, waited for, and
 /// followed by a notification. Held by std::shared_ptr.
 class DispatchWorkItem : public std::enable_shared_from_this<DispatchWorkItem> {
-public:
+ public:
     static std::shared_ptr<DispatchWorkItem> make(std::function<void()> block,
                                                   DispatchFlags flags = DispatchFlags::none);
 
@@ -87,13 +94,13 @@ public:
     DispatchWorkItem(std::function<void()> block, DispatchFlags flags);
     ~DispatchWorkItem();
 
-private:
+ private:
     DispatchFlags flags_;
     std::unique_ptr<State> state_;
 };
 
 class DispatchQueue {
-public:
+ public:
     enum class Attributes { serial, concurrent };
 
     explicit DispatchQueue(std::string label, Attributes attributes = Attributes::serial,
@@ -165,7 +172,7 @@ public:
     const std::shared_ptr<detail::QueueImpl>& impl() const { return impl_; }
     explicit DispatchQueue(std::shared_ptr<detail::QueueImpl> impl) : impl_(std::move(impl)) {}
 
-private:
+ private:
     struct InlineReadGuard {
         const DispatchQueue* queue;
         ~InlineReadGuard() { queue->leaveInlineRead(); }

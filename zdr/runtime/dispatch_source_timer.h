@@ -23,7 +23,7 @@
 namespace zdr {
 
 class DispatchSourceTimer : public std::enable_shared_from_this<DispatchSourceTimer> {
-public:
+ public:
     static std::shared_ptr<DispatchSourceTimer> make(DispatchQueue queue);
 
     /// First firing at `deadline`, then every `repeatingSeconds` if given.
@@ -45,7 +45,7 @@ public:
     explicit DispatchSourceTimer(DispatchQueue queue);
     ~DispatchSourceTimer();
 
-private:
+ private:
     std::shared_ptr<State> state_;
 };
 

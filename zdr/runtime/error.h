@@ -34,7 +34,7 @@ struct Error {
 };
 
 class Exception : public std::exception {
-public:
+ public:
     /// Captures the current call stack's return addresses.
     Exception(std::string name, std::string reason, Dictionary userInfo = {});
 
@@ -47,7 +47,7 @@ public:
 
     const char* what() const noexcept override { return reason_.c_str(); }
 
-private:
+ private:
     std::string name_;
     std::string reason_;
     Dictionary userInfo_;

@@ -37,7 +37,7 @@ class NotificationCenter;
 
 /// Keeps an observer registered; unregisters it when destroyed.
 class NotificationObserverToken {
-public:
+ public:
     ~NotificationObserverToken();
     void remove();
     NotificationObserverToken(const NotificationObserverToken&) = delete;
@@ -46,13 +46,13 @@ public:
     struct Entry;
     NotificationObserverToken(std::weak_ptr<NotificationCenter> center, std::shared_ptr<Entry> e);
 
-private:
+ private:
     std::weak_ptr<NotificationCenter> center_;
     std::shared_ptr<Entry> entry_;
 };
 
 class NotificationCenter : public std::enable_shared_from_this<NotificationCenter> {
-public:
+ public:
     using Block = std::function<void(const Notification&)>;
 
     static std::shared_ptr<NotificationCenter> defaultCenter();
@@ -69,7 +69,7 @@ public:
 
     NotificationCenter() = default;
 
-private:
+ private:
     friend class NotificationObserverToken;
     void removeEntry(const std::shared_ptr<NotificationObserverToken::Entry>& e);
 

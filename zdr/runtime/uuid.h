@@ -13,7 +13,7 @@
 namespace zdr {
 
 class UUID {
-public:
+ public:
     UUID() = default;  // all zero
     explicit UUID(const std::array<std::uint8_t, 16>& bytes) : bytes_(bytes) {}
 
@@ -25,7 +25,7 @@ public:
 
     auto operator<=>(const UUID&) const = default;
 
-private:
+ private:
     std::array<std::uint8_t, 16> bytes_{};
 };
 

@@ -1,0 +1,564 @@
+#include "zdr/runtime/dispatch_queue.h"
+
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <mutex>
+
+#include "zdr/runtime/thread_pool.h"
+#include "zdr/runtime/timer_thread.h"
+
+namespace zdr {
+
+DispatchTime dispatchTimeAfter(double seconds) {
+    if (!std::isfinite(seconds) || seconds < 0) seconds = 0;
+    constexpr double kMaxSeconds = 100.0 * 365 * 24 * 3600;
+    if (seconds > kMaxSeconds) seconds = kMaxSeconds;
+    return dispatchNow() + std::chrono::nanoseconds(static_cast<std::int64_t>(seconds * 1e9));
+}
+
+namespace detail {
+
+namespace {
+
+// The queues whose work is running on this thread, innermost last. A fixed
+// array keeps the inline read path free of allocation.
+struct QueueStack {
+    static constexpr int kMax = 32;
+    const QueueImpl* items[kMax];
+    int depth = 0;
+    void push(const QueueImpl* q) {
+        if (depth < kMax) items[depth] = q;
+        ++depth;
+    }
+    void pop() { --depth; }
+    bool contains(const QueueImpl* q) const {
+        for (int i = 0; i < depth && i < kMax; ++i)
+            if (items[i] == q) return true;
+        return false;
+    }
+    const QueueImpl* top() const { return depth > 0 && depth <= kMax ? items[depth - 1] : nullptr; }
+};
+thread_local QueueStack tlsQueues;
+
+struct QueueScope {
+    explicit QueueScope(const QueueImpl* q) { tlsQueues.push(q); }
+    ~QueueScope() { tlsQueues.pop(); }
+};
+
+pid_t currentTid() {
+    thread_local pid_t tid = static_cast<pid_t>(::syscall(SYS_gettid));
+    return tid;
+}
+
+std::atomic<pid_t> gMainTid{0};
+
+void runGuarded(const std::function<void()>& fn, const std::string& label) {
+    try {
+        fn();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "zdr: exception escaped work on queue '%s': %s\n", label.c_str(),
+                     e.what());
+    } catch (...) {
+        std::fprintf(stderr, "zdr: unknown exception escaped work on queue '%s'\n", label.c_str());
+    }
+}
+
+[[noreturn]] void fatalDeadlock(const std::string& label) {
+    std::fprintf(stderr,
+                 "zdr: DispatchQueue::sync called on queue '%s' from work already running on it; "
+                 "this would deadlock\n",
+                 label.c_str());
+    std::fflush(stderr);
+    std::abort();
+}
+
+}  // namespace
+
+struct SyncWaiter {
+    std::condition_variable cv;
+    bool released = false;
+};
+
+struct Item {
+    std::function<void()> fn;
+    bool barrier = false;
+    SyncWaiter* waiter = nullptr;
+};
+
+class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
+ public:
+    enum class Kind { serial, concurrent, main };
+
+    QueueImpl(std::string l, Kind k, DispatchQoS q) : label(std::move(l)), kind(k), qos(q) {}
+
+    const std::string label;
+    const Kind kind;
+    const DispatchQoS qos;
+
+    // Inline readers of a concurrent queue in the low bits; kSlow while a
+    // barrier is queued or running, which sends readers to the ordered path.
+    static constexpr std::uint64_t kSlow = 1ull << 63;
+    static constexpr std::uint64_t kCountMask = (1ull << 32) - 1;
+    std::atomic<std::uint64_t> fast{0};
+
+    std::mutex m;
+    std::deque<Item> pending;
+    std::size_t running = 0;  // concurrent: non-barrier work running
+    bool exclusive = false;   // a barrier (concurrent) or any work (serial) holds the queue
+
+    // Main queue only.
+    std::condition_variable mainWake;
+    bool stopRequested = false;
+    int eventFd = -1;
+
+    // ---- submission ----
+
+    void async(std::function<void()> fn, bool barrier) {
+        if (kind == Kind::main) {
+            mainPost(std::move(fn));
+            return;
+        }
+        std::lock_guard lock(m);
+        pending.push_back(Item{std::move(fn), barrier && kind == Kind::concurrent, nullptr});
+        if (pending.back().barrier) fast.fetch_or(kSlow);
+        scheduleLocked();
+    }
+
+    // Starts whatever the queue's discipline allows. Called with m held.
+    void scheduleLocked() {
+        if (kind == Kind::concurrent) {
+            while (!pending.empty() && !exclusive) {
+                Item& head = pending.front();
+                if (head.barrier) {
+                    if (running > 0 || (fast.load() & kCountMask) > 0) break;
+                    exclusive = true;
+                    start(std::move(head));
+                    pending.pop_front();
+                    break;
+                }
+                ++running;
+                start(std::move(head));
+                pending.pop_front();
+            }
+            if (!exclusive && pending.empty()) {
+                fast.fetch_and(~kSlow);
+            } else {
+                fast.fetch_or(kSlow);
+            }
+        } else if (kind == Kind::serial) {
+            if (exclusive || pending.empty()) return;
+            exclusive = true;
+            if (pending.front().waiter) {
+                release(pending.front().waiter);
+                pending.pop_front();
+            } else {
+                submitSerialDrain();
+            }
+        }
+    }
+
+    static void release(SyncWaiter* w) {
+        w->released = true;
+        w->cv.notify_one();
+    }
+
+    void start(Item&& item) {
+        if (item.waiter) {
+            release(item.waiter);
+            return;
+        }
+        bool barrier = item.barrier;
+        ThreadPool::shared().submit(
+            [self = shared_from_this(), fn = std::move(item.fn), barrier]() mutable {
+                {
+                    QueueScope scope(self.get());
+                    runGuarded(fn, self->label);
+                }
+                fn = nullptr;
+                std::lock_guard lock(self->m);
+                if (barrier) {
+                    self->exclusive = false;
+                } else {
+                    --self->running;
+                }
+                self->scheduleLocked();
+            });
+    }
+
+    void submitSerialDrain() {
+        ThreadPool::shared().submit([self = shared_from_this()] { self->serialDrain(); });
+    }
+
+    // Runs a serial queue's work in order on one pool thread, giving the thread
+    // back now and then so one busy queue cannot hold a worker for ever.
+    void serialDrain() {
+        QueueScope scope(this);
+        std::unique_lock lock(m);
+        int budget = 64;
+        for (;;) {
+            if (pending.empty() || pending.front().waiter) {
+                exclusive = false;
+                scheduleLocked();
+                return;
+            }
+            if (budget-- == 0) {
+                submitSerialDrain();
+                return;
+            }
+            auto fn = std::move(pending.front().fn);
+            pending.pop_front();
+            lock.unlock();
+            runGuarded(fn, label);
+            fn = nullptr;
+            lock.lock();
+        }
+    }
+
+    // ---- synchronous submission ----
+
+    bool tryEnterInline() {
+        if (kind != Kind::concurrent) return false;
+        std::uint64_t before = fast.fetch_add(1);
+        if ((before & kSlow) == 0) {
+            tlsQueues.push(this);
+            return true;
+        }
+        leaveInlineCount();
+        return false;
+    }
+
+    void leaveInline() {
+        tlsQueues.pop();
+        leaveInlineCount();
+    }
+
+    void leaveInlineCount() {
+        std::uint64_t before = fast.fetch_sub(1);
+        if ((before & kSlow) && (before & kCountMask) == 1) {
+            // The last inline reader out lets a waiting barrier in.
+            std::lock_guard lock(m);
+            scheduleLocked();
+        }
+    }
+
+    void sync(const std::function<void()>& work, bool barrier) {
+        if (kind == Kind::main) {
+            mainSync(work);
+            return;
+        }
+        bool exclusiveWork = kind == Kind::serial || barrier;
+        if (exclusiveWork && tlsQueues.contains(this)) fatalDeadlock(label);
+
+        SyncWaiter waiter;
+        {
+            std::unique_lock lock(m);
+            if (kind == Kind::concurrent && barrier) fast.fetch_or(kSlow);
+            bool free = !exclusive && pending.empty();
+            if (free && kind == Kind::concurrent && barrier) {
+                free = running == 0 && (fast.load() & kCountMask) == 0;
+            }
+            if (free) {
+                if (exclusiveWork) {
+                    exclusive = true;
+                } else {
+                    ++running;
+                }
+            } else {
+                pending.push_back(Item{nullptr, exclusiveWork, &waiter});
+                waiter.cv.wait(lock, [&] { return waiter.released; });
+            }
+        }
+        struct Finish {
+            QueueImpl* q;
+            bool exclusiveWork;
+            ~Finish() {
+                std::lock_guard lock(q->m);
+                if (exclusiveWork) {
+                    q->exclusive = false;
+                } else {
+                    --q->running;
+                }
+                q->scheduleLocked();
+            }
+        } finish{this, exclusiveWork};
+        QueueScope scope(this);
+        work();
+    }
+
+    // ---- main queue ----
+
+    void mainPost(std::function<void()> fn) {
+        std::lock_guard lock(m);
+        bool wasEmpty = pending.empty();
+        pending.push_back(Item{std::move(fn), false, nullptr});
+        if (wasEmpty) {
+            mainWake.notify_one();
+            if (eventFd >= 0) {
+                std::uint64_t one = 1;
+                [[maybe_unused]] auto n = ::write(eventFd, &one, sizeof one);
+            }
+        }
+    }
+
+    void mainSync(const std::function<void()>& work) {
+        if (DispatchQueue::isMainThread()) {
+            // Waiting for ourselves would never end; run it here instead.
+            QueueScope scope(this);
+            work();
+            return;
+        }
+        std::mutex doneMutex;
+        std::condition_variable doneCv;
+        bool done = false;
+        std::exception_ptr error;
+        mainPost([&] {
+            try {
+                work();
+            } catch (...) {
+                error = std::current_exception();
+            }
+            std::lock_guard lock(doneMutex);
+            done = true;
+            doneCv.notify_one();
+        });
+        std::unique_lock lock(doneMutex);
+        doneCv.wait(lock, [&] { return done; });
+        if (error) std::rethrow_exception(error);
+    }
+
+    std::size_t mainDrain() {
+        gMainTid.store(currentTid());
+        QueueScope scope(this);
+        std::unique_lock lock(m);
+        std::size_t count = pending.size();
+        std::size_t ran = 0;
+        while (ran < count && !pending.empty()) {
+            auto fn = std::move(pending.front().fn);
+            pending.pop_front();
+            lock.unlock();
+            runGuarded(fn, label);
+            fn = nullptr;
+            ++ran;
+            lock.lock();
+        }
+        if (pending.empty() && eventFd >= 0) {
+            std::uint64_t value;
+            [[maybe_unused]] auto n = ::read(eventFd, &value, sizeof value);
+        }
+        return ran;
+    }
+
+    void mainRun() {
+        for (;;) {
+            {
+                std::unique_lock lock(m);
+                mainWake.wait(lock, [&] { return !pending.empty() || stopRequested; });
+                if (stopRequested) {
+                    stopRequested = false;
+                    return;
+                }
+            }
+            mainDrain();
+        }
+    }
+
+    void mainStop() {
+        std::lock_guard lock(m);
+        stopRequested = true;
+        mainWake.notify_all();
+    }
+
+    int mainPollFd() {
+        std::lock_guard lock(m);
+        if (eventFd < 0) {
+            eventFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+            if (eventFd < 0) {
+                std::perror("zdr: eventfd for the main queue");
+                return -1;
+            }
+            if (!pending.empty()) {
+                std::uint64_t one = 1;
+                [[maybe_unused]] auto n = ::write(eventFd, &one, sizeof one);
+            }
+        }
+        return eventFd;
+    }
+};
+
+}  // namespace detail
+
+using detail::QueueImpl;
+
+namespace {
+
+std::shared_ptr<QueueImpl> makeImpl(std::string label, QueueImpl::Kind kind, DispatchQoS qos) {
+    return std::make_shared<QueueImpl>(std::move(label), kind, qos);
+}
+
+}  // namespace
+
+DispatchQueue::DispatchQueue(std::string label, Attributes attributes, DispatchQoS qos)
+    : impl_(makeImpl(std::move(label),
+                     attributes == Attributes::concurrent ? QueueImpl::Kind::concurrent
+                                                          : QueueImpl::Kind::serial,
+                     qos)) {}
+
+DispatchQueue DispatchQueue::main() {
+    // Leaked so that work posted during static destruction still finds it.
+    static auto* impl = new std::shared_ptr<QueueImpl>(
+        makeImpl("com.apple.main-thread", QueueImpl::Kind::main, DispatchQoS::userInteractive));
+    return DispatchQueue(*impl);
+}
+
+DispatchQueue DispatchQueue::global(DispatchQoS qos) {
+    static auto* queues = [] {
+        auto* q = new std::shared_ptr<QueueImpl>[6];
+        const char* names[6] = {"user-interactive", "user-initiated", "default",
+                                "utility",          "background",     "unspecified"};
+        for (int i = 0; i < 6; ++i) {
+            q[i] = makeImpl(std::string("com.zdr.global.") + names[i], QueueImpl::Kind::concurrent,
+                            static_cast<DispatchQoS>(i));
+        }
+        return q;
+    }();
+    return DispatchQueue(queues[static_cast<int>(qos)]);
+}
+
+const std::string& DispatchQueue::label() const { return impl_->label; }
+bool DispatchQueue::isConcurrent() const { return impl_->kind == QueueImpl::Kind::concurrent; }
+bool DispatchQueue::isMain() const { return impl_->kind == QueueImpl::Kind::main; }
+DispatchQoS DispatchQueue::qos() const { return impl_->qos; }
+
+void DispatchQueue::async(std::function<void()> work, DispatchFlags flags) const {
+    if (!work) return;
+    impl_->async(std::move(work), flags == DispatchFlags::barrier);
+}
+
+void DispatchQueue::async(const std::shared_ptr<DispatchWorkItem>& item) const {
+    if (!item) return;
+    impl_->async([item] { item->perform(); }, item->flags() == DispatchFlags::barrier);
+}
+
+void DispatchQueue::sync(const std::shared_ptr<DispatchWorkItem>& item) const {
+    if (!item) return;
+    sync([&] { item->perform(); }, item->flags());
+}
+
+bool DispatchQueue::tryEnterInlineRead() const { return impl_->tryEnterInline(); }
+void DispatchQueue::leaveInlineRead() const { impl_->leaveInline(); }
+
+void DispatchQueue::syncSlow(const std::function<void()>& work, DispatchFlags flags) const {
+    impl_->sync(work, flags == DispatchFlags::barrier);
+}
+
+void DispatchQueue::asyncAfter(DispatchTime deadline, std::function<void()> work,
+                               DispatchFlags flags) const {
+    if (!work) return;
+    if (deadline <= dispatchNow()) {
+        async(std::move(work), flags);
+        return;
+    }
+    detail::TimerThread::shared().schedule(
+        deadline, [impl = impl_, work = std::move(work), flags]() mutable {
+            impl->async(std::move(work), flags == DispatchFlags::barrier);
+        });
+}
+
+void DispatchQueue::asyncAfter(DispatchTime deadline,
+                               const std::shared_ptr<DispatchWorkItem>& item) const {
+    if (!item) return;
+    asyncAfter(
+        deadline, [item] { item->perform(); }, item->flags());
+}
+
+std::size_t DispatchQueue::drain() const { return isMain() ? impl_->mainDrain() : 0; }
+
+void DispatchQueue::run() const {
+    if (isMain()) impl_->mainRun();
+}
+
+void DispatchQueue::stop() const {
+    if (isMain()) impl_->mainStop();
+}
+
+int DispatchQueue::pollFd() const { return isMain() ? impl_->mainPollFd() : -1; }
+
+bool DispatchQueue::isMainThread() {
+    pid_t main = detail::gMainTid.load(std::memory_order_relaxed);
+    if (main == 0) return detail::currentTid() == ::getpid();
+    return detail::currentTid() == main;
+}
+
+std::optional<std::string> DispatchQueue::currentLabel() {
+    if (const QueueImpl* q = detail::tlsQueues.top()) return q->label;
+    return std::nullopt;
+}
+
+// ---- DispatchWorkItem ----
+
+struct DispatchWorkItem::State {
+    std::function<void()> block;
+    std::atomic<bool> cancelled{false};
+    std::mutex m;
+    std::condition_variable cv;
+    bool done = false;
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+};
+
+DispatchWorkItem::DispatchWorkItem(std::function<void()> block, DispatchFlags flags)
+    : flags_(flags), state_(std::make_unique<State>()) {
+    state_->block = std::move(block);
+}
+
+DispatchWorkItem::~DispatchWorkItem() = default;
+
+std::shared_ptr<DispatchWorkItem> DispatchWorkItem::make(std::function<void()> block,
+                                                         DispatchFlags flags) {
+    return std::make_shared<DispatchWorkItem>(std::move(block), flags);
+}
+
+void DispatchWorkItem::perform() {
+    if (!state_->cancelled.load() && state_->block) state_->block();
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    {
+        std::lock_guard lock(state_->m);
+        state_->done = true;
+        notifications.swap(state_->notifications);
+    }
+    state_->cv.notify_all();
+    for (auto& [queue, fn] : notifications) queue.async(std::move(fn));
+}
+
+void DispatchWorkItem::cancel() { state_->cancelled.store(true); }
+bool DispatchWorkItem::isCancelled() const { return state_->cancelled.load(); }
+
+void DispatchWorkItem::wait() {
+    std::unique_lock lock(state_->m);
+    state_->cv.wait(lock, [&] { return state_->done; });
+}
+
+bool DispatchWorkItem::waitFor(double seconds) {
+    std::unique_lock lock(state_->m);
+    return state_->cv.wait_until(lock, dispatchTimeAfter(seconds), [&] { return state_->done; });
+}
+
+void DispatchWorkItem::notify(const DispatchQueue& queue, std::function<void()> block) {
+    {
+        std::lock_guard lock(state_->m);
+        if (!state_->done) {
+            state_->notifications.emplace_back(queue, std::move(block));
+            return;
+        }
+    }
+    queue.async(std::move(block));
+}
+
+}  // namespace zdr
