@@ -40,5 +40,7 @@ if(ZDR_PC_REQUIRES)
 endif()
 get_property(ZDR_PC_EXTRA_LIBS GLOBAL PROPERTY ZDR_PC_EXTRA_LIBS)
 list(JOIN ZDR_PC_EXTRA_LIBS " " ZDR_PC_EXTRA_LIBS)
+# Relative to the .pc file, so that an install into any prefix finds itself.
+file(RELATIVE_PATH ZDR_PC_PREFIX_FROM_PCDIR "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 configure_file(cmake/zdrshared2.pc.in ${PROJECT_BINARY_DIR}/zdrshared2.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zdrshared2.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

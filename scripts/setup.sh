@@ -9,7 +9,7 @@ packages=(
     nlohmann-json3-dev libpulse-dev libsystemd-dev libcurl4-openssl-dev libspdlog-dev
     systemtap-sdt-dev
     pulseaudio pulseaudio-utils
-    python3
+    python3 libglib2.0-dev
 )
 
 missing=()
