@@ -1,0 +1,111 @@
+// ObservableObject: observable keys. An object announces that the value of a
+// named key is about to change and that it has changed; observers register
+// with that object for one key (or all keys) and keep a token that
+// unregisters them when destroyed. User interfaces bind to such keys
+// ("volume", "deviceName", "level"...), and pipelines can watch the
+// objectWillChange()/objectDidChange() publishers, which carry the key.
+//
+// Use it as a base class (or a member) of the announcing object:
+//
+//     class Channel : public zdr::ObservableObject {
+//         void setLevel(double v) { changeValue("level", [&] { level_ = v; }); }
+//     };
+//     auto token = channel.observe("level", [](const zdr::KeyChange& c) { ... });
+//
+// Delivery: an observer without a queue is called synchronously on the
+// announcing thread, in registration order; one with a queue is called
+// asynchronously on that queue (the announcement never waits for it).
+// Will-change announcements reach only observers that asked for them.
+// Destroying or invalidating a token unregisters its observer: a queued call
+// that has not started is dropped; a call already running on another thread
+// may finish. Observers may announce, register and unregister from inside a
+// call. The object may be destroyed before its tokens; they then do nothing.
+//
+// Thread safety: every member may be called from any thread.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "zdr/runtime/dispatch_queue.h"
+#include "zdr/runtime/publisher.h"
+
+namespace zdr {
+
+enum class KeyChangePhase { willChange, didChange };
+
+struct KeyChange {
+    std::string key;
+    KeyChangePhase phase = KeyChangePhase::didChange;
+};
+
+struct KeyObservationOptions {
+    /// Also call the observer before the change (will-change), not only after.
+    bool prior = false;
+    /// Queue to call the observer on; none means the announcing thread.
+    std::optional<DispatchQueue> queue;
+};
+
+namespace detail {
+class KeyObserverRegistry;
+struct KeyObserverEntry;
+}  // namespace detail
+
+/// Keeps one observer registered; unregisters it when destroyed.
+class KeyObservation {
+ public:
+    KeyObservation(std::weak_ptr<detail::KeyObserverRegistry> registry,
+                   std::shared_ptr<detail::KeyObserverEntry> entry);
+    ~KeyObservation();
+    KeyObservation(const KeyObservation&) = delete;
+    KeyObservation& operator=(const KeyObservation&) = delete;
+
+    /// Unregisters now (idempotent).
+    void invalidate();
+
+ private:
+    std::weak_ptr<detail::KeyObserverRegistry> registry_;
+    std::shared_ptr<detail::KeyObserverEntry> entry_;
+};
+
+class ObservableObject {
+ public:
+    using Observer = std::function<void(const KeyChange&)>;
+
+    ObservableObject();
+    /// A copy has its own, empty set of observers.
+    ObservableObject(const ObservableObject&);
+    ObservableObject& operator=(const ObservableObject&) { return *this; }
+    virtual ~ObservableObject();
+
+    /// Registers `observer` for `key` (an empty key observes every key).
+    [[nodiscard]] std::shared_ptr<KeyObservation> observe(std::string key, Observer observer,
+                                                          KeyObservationOptions options = {});
+
+    /// Announces that `key` is about to change.
+    void willChangeValue(const std::string& key) const;
+    /// Announces that `key` has changed.
+    void didChangeValue(const std::string& key) const;
+    /// willChangeValue, `mutate()`, didChangeValue.
+    template <class F>
+    void changeValue(const std::string& key, F&& mutate) {
+        willChangeValue(key);
+        std::forward<F>(mutate)();
+        didChangeValue(key);
+    }
+
+    /// Emits the key before each change (after the will-change observers).
+    AnyPublisher<std::string> objectWillChange() const;
+    /// Emits the key after each change (after the did-change observers).
+    AnyPublisher<std::string> objectDidChange() const;
+
+    /// Observers currently registered (diagnostics and tests).
+    std::size_t keyObserverCount() const;
+
+ private:
+    std::shared_ptr<detail::KeyObserverRegistry> registry_;
+};
+
+}  // namespace zdr
