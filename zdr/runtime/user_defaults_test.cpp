@@ -1,0 +1,317 @@
+#include "zdr/runtime/user_defaults.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "zdr/runtime/bundle.h"
+
+namespace zdr {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using ::testing::HasSubstr;
+
+std::string slurp(const fs::path& p) {
+    std::ifstream in(p);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void spit(const fs::path& p, const std::string& text) {
+    std::ofstream out(p, std::ios::trunc);
+    out << text;
+}
+
+std::vector<fs::path> filesIn(const fs::path& dir) {
+    std::vector<fs::path> out;
+    for (const auto& e : fs::directory_iterator(dir)) out.push_back(e.path());
+    return out;
+}
+
+class UserDefaultsTest : public ::testing::Test {
+ protected:
+    void SetUp() override {
+        std::string tmpl = (fs::temp_directory_path() / "zdr-defaults-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
+        dir_ = tmpl;
+        file_ = dir_ / "defaults.json";
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+    /// A store whose automatic save will not fire during the test.
+    std::unique_ptr<UserDefaults> open(const fs::path& file) {
+        auto d = std::make_unique<UserDefaults>(file);
+        d->setAutosaveDelay(3600);
+        return d;
+    }
+
+    fs::path dir_;
+    fs::path file_;
+};
+
+TEST_F(UserDefaultsTest, ValuesSurviveANewInstanceAndTheFileIsPrivate) {
+    const fs::path nested = dir_ / "a" / "b" / "defaults.json";
+    {
+        auto d = open(nested);
+        d->setBool(true, "flag");
+        d->setInteger(-42, "count");
+        d->setDouble(2.5, "ratio");
+        d->setString("h\xc3\xa9llo", "name");
+        d->setObject(json{{"x", 1}, {"list", {1, 2}}}, "blob");
+        EXPECT_TRUE(d->hasUnsavedChanges());
+        ASSERT_TRUE(d->synchronize());
+        EXPECT_FALSE(d->hasUnsavedChanges());
+    }
+    auto d = open(nested);
+    EXPECT_TRUE(d->boolForKey("flag"));
+    EXPECT_EQ(d->integerForKey("count"), -42);
+    EXPECT_DOUBLE_EQ(d->doubleForKey("ratio"), 2.5);
+    EXPECT_EQ(d->stringForKey("name"), "h\xc3\xa9llo");
+    EXPECT_EQ(d->objectForKey("blob"), (json{{"x", 1}, {"list", {1, 2}}}));
+    EXPECT_EQ(d->objectForKey("absent"), std::nullopt);
+
+    struct stat st {};
+    ASSERT_EQ(::stat(nested.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_EQ(::stat(nested.parent_path().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u) << "a folder made for the store is private";
+    for (const auto& p : filesIn(nested.parent_path()))
+        EXPECT_THAT(p.filename().string(), ::testing::Not(HasSubstr(".tmp-")));
+}
+
+TEST_F(UserDefaultsTest, RegisteredDefaultsAnswerUntilAValueIsStoredAndAreNeverWritten) {
+    auto d = open(file_);
+    d->registerDefaults(json{{"volume", 0.75}, {"enabled", true}});
+    d->registerDefaults(json::array({1, 2}));  // refused, no effect
+    EXPECT_DOUBLE_EQ(d->doubleForKey("volume"), 0.75);
+    d->setDouble(0.25, "volume");
+    EXPECT_DOUBLE_EQ(d->doubleForKey("volume"), 0.25);
+    d->removeObjectForKey("volume");
+    EXPECT_DOUBLE_EQ(d->doubleForKey("volume"), 0.75);
+    d->setObject(nullptr, "enabled");  // null removes: the default shows again
+    EXPECT_TRUE(d->boolForKey("enabled"));
+    d->setString("kept", "other");
+    EXPECT_EQ(d->dictionaryRepresentation(),
+              (json{{"volume", 0.75}, {"enabled", true}, {"other", "kept"}}));
+    ASSERT_TRUE(d->synchronize());
+    EXPECT_EQ(json::parse(slurp(file_)), (json{{"other", "kept"}}));
+}
+
+TEST_F(UserDefaultsTest, TwoInstancesSharingAFileKeepEachOthersKeys) {
+    // Two instances behave as two processes would: each writes back only the
+    // keys it changed, under the file lock, after re-reading the file.
+    auto a = open(file_);
+    auto b = open(file_);
+    a->setString("from a", "a");
+    a->setInteger(1, "shared");
+    b->setString("from b", "b");
+    ASSERT_TRUE(a->synchronize());
+    ASSERT_TRUE(b->synchronize());
+    EXPECT_EQ(b->stringForKey("a"), "from a") << "synchronize reloads what others saved";
+    EXPECT_EQ(b->integerForKey("shared"), 1);
+
+    b->setInteger(2, "shared");  // last writer of a key wins
+    a->removeObjectForKey("a");
+    ASSERT_TRUE(b->synchronize());
+    ASSERT_TRUE(a->synchronize());
+    auto c = open(file_);
+    EXPECT_EQ(c->objectForKey("a"), std::nullopt);
+    EXPECT_EQ(c->stringForKey("b"), "from b");
+    EXPECT_EQ(c->integerForKey("shared"), 2);
+    EXPECT_EQ(a->integerForKey("shared"), 2);
+}
+
+TEST_F(UserDefaultsTest, CorruptOrNonObjectFilesAreMovedAsideAndTheStoreStartsEmpty) {
+    for (const std::string& content :
+         {std::string("{\"a\": 1,,"), std::string("[1, 2, 3]"), std::string("")}) {
+        SCOPED_TRACE(content);
+        for (const auto& p : filesIn(dir_)) fs::remove_all(p);
+        spit(file_, content);
+        ::testing::internal::CaptureStderr();
+        auto d = open(file_);
+        std::string err = ::testing::internal::GetCapturedStderr();
+        EXPECT_THAT(err, HasSubstr(file_.string()));
+        EXPECT_THAT(err, HasSubstr("moved it aside"));
+        EXPECT_EQ(d->dictionaryRepresentation(), json::object());
+
+        std::vector<fs::path> aside;
+        for (const auto& p : filesIn(dir_))
+            if (p.filename().string().rfind("defaults.json.corrupt-", 0) == 0) aside.push_back(p);
+        ASSERT_EQ(aside.size(), 1u);
+        EXPECT_EQ(slurp(aside[0]), content) << "the bad file is kept as it was";
+
+        d->setBool(true, "fresh");
+        ASSERT_TRUE(d->synchronize());
+        EXPECT_EQ(json::parse(slurp(file_)), (json{{"fresh", true}}));
+    }
+
+    // A file that cannot be read as a file at all (here a folder) is moved aside too.
+    for (const auto& p : filesIn(dir_)) fs::remove_all(p);
+    fs::create_directory(file_);
+    ::testing::internal::CaptureStderr();
+    auto d = open(file_);
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("cannot be read"));
+    d->setInteger(5, "n");
+    EXPECT_TRUE(d->synchronize());
+    EXPECT_EQ(open(file_)->integerForKey("n"), 5);
+}
+
+TEST_F(UserDefaultsTest, WrongTypesAnswerTheGettersDefaultAndNumbersConvert) {
+    spit(file_, R"({"s": 5, "b": "yes", "i": "12", "d": [1], "huge": 1e300,
+                    "big": 18446744073709551615, "f": 2.9, "one": 1, "t": true, "n": null})");
+    auto d = open(file_);
+    EXPECT_EQ(d->stringForKey("s"), std::nullopt);
+    EXPECT_FALSE(d->boolForKey("b"));
+    EXPECT_EQ(d->integerForKey("i"), 0);
+    EXPECT_DOUBLE_EQ(d->doubleForKey("d"), 0.0);
+    EXPECT_EQ(d->integerForKey("huge"), 0);
+    EXPECT_EQ(d->integerForKey("big"), 0);
+    EXPECT_EQ(d->integerForKey("n"), 0);
+    EXPECT_EQ(d->integerForKey("f"), 2);
+    EXPECT_TRUE(d->boolForKey("one"));
+    EXPECT_EQ(d->integerForKey("t"), 1);
+    EXPECT_DOUBLE_EQ(d->doubleForKey("one"), 1.0);
+    EXPECT_TRUE(d->boolForKey("f"));
+
+    ::testing::internal::CaptureStderr();
+    d->setDouble(std::numeric_limits<double>::quiet_NaN(), "f");
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("non-finite"));
+    EXPECT_DOUBLE_EQ(d->doubleForKey("f"), 2.9);
+
+    d->setString(std::string("bad \xff utf8"), "raw");  // saved, not thrown on
+    EXPECT_TRUE(d->synchronize());
+}
+
+TEST_F(UserDefaultsTest, UnwritablePathFailsCleanlyAndKeepsValuesInMemory) {
+    spit(dir_ / "plain-file", "x");
+    auto d = open(dir_ / "plain-file" / "sub" / "defaults.json");
+    d->setInteger(7, "n");
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(d->synchronize());
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("could not save"));
+    EXPECT_EQ(d->integerForKey("n"), 7);
+    EXPECT_TRUE(d->hasUnsavedChanges());
+    EXPECT_EQ(slurp(dir_ / "plain-file"), "x");
+}
+
+TEST_F(UserDefaultsTest, FailingWriteLeavesThePreviousFileIntact) {
+    {
+        auto d = open(file_);
+        d->setString("old", "kept");
+        ASSERT_TRUE(d->synchronize());
+    }
+    const std::string before = slurp(file_);
+
+    auto d = open(file_);
+    d->setString(std::string(256 * 1024, 'x'), "big");
+    // The file-size limit makes write() fail as on a full disk (EFBIG instead
+    // of ENOSPC), for this process only.
+    struct rlimit old {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+    auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit small = old;
+    small.rlim_cur = 4096;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    ::testing::internal::CaptureStderr();
+    const bool saved = d->synchronize();
+    ::setrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, oldHandler);
+    std::string err = ::testing::internal::GetCapturedStderr();
+
+    EXPECT_FALSE(saved);
+    EXPECT_THAT(err, HasSubstr("the previous file is unchanged"));
+    EXPECT_EQ(slurp(file_), before);
+    for (const auto& p : filesIn(dir_))
+        EXPECT_THAT(p.filename().string(), ::testing::Not(HasSubstr(".tmp-")));
+    EXPECT_EQ(d->stringForKey("big")->size(), 256u * 1024);
+
+    EXPECT_TRUE(d->synchronize()) << "the next save, with room, succeeds";
+    auto again = open(file_);
+    EXPECT_EQ(again->stringForKey("kept"), "old");
+    EXPECT_EQ(again->stringForKey("big")->size(), 256u * 1024);
+}
+
+TEST_F(UserDefaultsTest, ChangesAreSavedAutomaticallyAndOnDestruction) {
+    {
+        UserDefaults d(file_);
+        d.setAutosaveDelay(0.02);
+        d.setInteger(1, "auto");
+        d.setInteger(2, "auto");
+        for (int i = 0; i < 500 && d.hasUnsavedChanges(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_FALSE(d.hasUnsavedChanges());
+        EXPECT_EQ(json::parse(slurp(file_)), (json{{"auto", 2}}));
+    }
+    {
+        auto d = open(file_);  // autosave far away: only destruction saves
+        d->setString("bye", "last");
+    }
+    EXPECT_EQ(open(file_)->stringForKey("last"), "bye");
+}
+
+TEST_F(UserDefaultsTest, ConcurrentSettersAndSavesLoseNothing) {
+    auto a = open(file_);
+    auto b = open(file_);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            UserDefaults& d = t % 2 ? *a : *b;
+            for (int i = 0; i < 50; ++i) {
+                d.setInteger(i, "k" + std::to_string(t) + "-" + std::to_string(i));
+                if (i % 10 == 0) d.synchronize();
+                (void)d.integerForKey("k0-0");
+            }
+        });
+    for (auto& th : threads) th.join();
+    ASSERT_TRUE(a->synchronize());
+    ASSERT_TRUE(b->synchronize());
+    auto c = open(file_);
+    for (int t = 0; t < 4; ++t)
+        for (int i = 0; i < 50; ++i)
+            ASSERT_EQ(c->integerForKey("k" + std::to_string(t) + "-" + std::to_string(i)), i);
+}
+
+TEST(UserDefaultsPath, StandardFileFollowsXdgAndTheBundleIdentifier) {
+    const char* oldXdg = std::getenv("XDG_CONFIG_HOME");
+    const std::optional<std::string> savedXdg =
+        oldXdg ? std::optional<std::string>(oldXdg) : std::nullopt;
+    const auto oldId = Bundle::main().bundleIdentifier();
+    const std::string oldHome = std::getenv("HOME") ? std::getenv("HOME") : "";
+
+    Bundle::main().setInfo(kCFBundleIdentifierKey, "com.example.recorder");
+    ::setenv("XDG_CONFIG_HOME", "/tmp/xdg-test", 1);
+    EXPECT_EQ(UserDefaults::standardFilePath(),
+              fs::path("/tmp/xdg-test/com.example.recorder/defaults.json"));
+    ::setenv("XDG_CONFIG_HOME", "relative/ignored", 1);
+    ::setenv("HOME", "/home/someone", 1);
+    EXPECT_EQ(UserDefaults::standardFilePath(),
+              fs::path("/home/someone/.config/com.example.recorder/defaults.json"));
+    Bundle::main().setInfo(kCFBundleIdentifierKey, std::nullopt);
+    EXPECT_EQ(UserDefaults::standardFilePath().parent_path().filename(),
+              fs::path(Bundle::main().executablePath()).filename());
+
+    Bundle::main().setInfo(kCFBundleIdentifierKey, oldId);
+    ::setenv("HOME", oldHome.c_str(), 1);
+    if (savedXdg) {
+        ::setenv("XDG_CONFIG_HOME", savedXdg->c_str(), 1);
+    } else {
+        ::unsetenv("XDG_CONFIG_HOME");
+    }
+}
+
+}  // namespace
+}  // namespace zdr
