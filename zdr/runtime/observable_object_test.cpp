@@ -108,7 +108,7 @@ TEST(ObservableObject, ObserversMayRemoveThemselvesWhileOthersAnnounceConcurrent
     std::atomic<bool> stop{false};
     for (int t = 0; t < 2; ++t)
         threads.emplace_back([&] {
-            while (!stop) channel.setLevel(1);
+            while (!stop) channel.didChangeValue("level");  // announcing only: no shared write
         });
     for (int i = 0; i < 200; ++i) {
         std::shared_ptr<KeyObservation> token;
