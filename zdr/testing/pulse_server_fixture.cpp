@@ -319,7 +319,8 @@ std::optional<uint32_t> PulseServerFixture::loadNullSink(const std::string& sink
                                                          const std::string& description,
                                                          const std::string& extraProperties) const {
     std::string props;
-    if (!description.empty()) props = "device.description=" + description;
+    // Values are quoted so that descriptions may contain blanks.
+    if (!description.empty()) props = "device.description=\"" + description + "\"";
     if (!extraProperties.empty()) props += (props.empty() ? "" : " ") + extraProperties;
     std::string args = "sink_name=" + sinkName;
     if (!props.empty()) args += " sink_properties='" + props + "'";

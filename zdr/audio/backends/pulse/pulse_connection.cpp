@@ -15,10 +15,11 @@ namespace {
 
 // Object IDs are ours and process-wide, so that two connections (or two
 // incarnations of one device) never share one. They start above the small
-// numbers that the hardware layer keeps for the system object.
+// numbers that the hardware layer keeps for the system object, and come in
+// pairs: a device takes an even ID and its one stream the odd one after it.
 std::atomic<uint32_t> gNextObjectID{0x100};
 
-uint32_t newObjectID() { return gNextObjectID.fetch_add(1, std::memory_order_relaxed); }
+uint32_t newObjectID() { return gNextObjectID.fetch_add(2, std::memory_order_relaxed); }
 
 void logLine(const char* what, const std::string& detail) {
     std::fprintf(stderr, "zdr pulse: %s%s%s\n", what, detail.empty() ? "" : ": ", detail.c_str());

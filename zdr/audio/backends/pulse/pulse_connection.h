@@ -12,6 +12,7 @@
 //
 // Devices carry an object ID of our own, unique within the process: a sink that
 // disappears and comes back (or survives a server restart) gets a new ID.
+// Device IDs are even; ID + 1 is kept free for the device's stream object.
 //
 // Threads: every member may be called from any thread, the event handler
 // included. Events are delivered in order on one event thread of this
@@ -148,8 +149,10 @@ class PulseConnection : public std::enable_shared_from_this<PulseConnection> {
     std::optional<uint32_t> loadModule(const std::string& name, const std::string& argument,
                                        PulseCallResult* result = nullptr);
     PulseCallResult unloadModule(uint32_t index);
-    /// One round trip: when it returns ok, every event the server sent before
-    /// has been applied to the snapshot (not necessarily delivered yet).
+    /// Two round trips: when it returns ok, every event that reached us before
+    /// the first answer has been applied to the snapshot (not necessarily
+    /// delivered yet). The server may send the events of a change after its
+    /// answer to the request that caused it, so this is no barrier for those.
     PulseCallResult roundTrip();
 
     struct Impl;

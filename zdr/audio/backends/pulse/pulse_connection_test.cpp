@@ -173,11 +173,14 @@ TEST_F(PulseConnectionTest, LoadAndUnloadModuleThroughTheConnection) {
     PulseCallResult result;
     auto index = connection_->loadModule("module-null-sink", "sink_name=via_conn", &result);
     ASSERT_TRUE(index) << toString(result);
-    ASSERT_EQ(connection_->roundTrip(), PulseCallResult::ok);
+    EXPECT_TRUE(log_.waitFor(
+        [](auto& e) { return e.type == Type::deviceAdded && e.after->name == "via_conn"; }));
     EXPECT_TRUE(connection_->deviceByName(PulseDeviceKind::sink, "via_conn"));
     ASSERT_EQ(connection_->unloadModule(*index), PulseCallResult::ok);
-    ASSERT_EQ(connection_->roundTrip(), PulseCallResult::ok);
+    EXPECT_TRUE(log_.waitFor(
+        [](auto& e) { return e.type == Type::deviceRemoved && e.before->name == "via_conn"; }));
     EXPECT_FALSE(connection_->deviceByName(PulseDeviceKind::sink, "via_conn"));
+    EXPECT_EQ(connection_->roundTrip(), PulseCallResult::ok);
     EXPECT_FALSE(connection_->loadModule("module-does-not-exist", "", &result));
     EXPECT_EQ(result, PulseCallResult::failed);
 }
