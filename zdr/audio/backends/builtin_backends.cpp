@@ -3,6 +3,7 @@
 // audio server registers with autoProbe = true and a factory that answers null
 // when no server answers; the simulated backend is the fallback and is never
 // probed.
+#include "zdr/audio/backends/pulse/pulse_audio_hardware.h"
 #include "zdr/audio/backends/simulated/simulated_audio_hardware.h"
 #include "zdr/audio/hal/audio_hardware.h"
 
@@ -10,6 +11,7 @@ namespace zdr::detail {
 
 void registerBuiltinAudioBackends() {
     using hal::AudioHardware;
+    hal::PulseAudioHardware::registerBackend();
     AudioHardware::registerBackend(
         "simulated",
         [] {

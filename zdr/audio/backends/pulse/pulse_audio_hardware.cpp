@@ -70,7 +70,10 @@ std::shared_ptr<PulseAudioHardware> PulseAudioHardware::create(Options options) 
         if (auto strong = weak.lock()) strong->handle(event);
     });
     if (options.requireServer) {
-        if (!self->connection_->waitUntilSynced(options.connectTimeout)) return nullptr;
+        if (!self->connection_->waitUntilSynced(options.connectTimeout,
+                                                options.giveUpWhenNoServer)) {
+            return nullptr;
+        }
         // The caller reads the devices after this returns; announcing the
         // first sync as well would only reach its listeners as a stray change.
         self->quietFirstSync_ = true;

@@ -53,13 +53,16 @@ class PulseAudioHardware : public AudioHardware,
         /// Without a server answering in time: create() answers null (true), or a
         /// backend that keeps trying and reports the server when it comes (false).
         bool requireServer = true;
+        /// With requireServer: give up as soon as one attempt to connect fails
+        /// instead of retrying until connectTimeout (probing for a server).
+        bool giveUpWhenNoServer = false;
     };
 
     static std::shared_ptr<PulseAudioHardware> create(Options options);
     static std::shared_ptr<PulseAudioHardware> create() { return create(Options{}); }
 
     /// Registers "pulse" with the audio layer (auto-probing: chosen by default
-    /// when a server answers).
+    /// when a server answers; a missing server costs one connection attempt).
     static void registerBackend();
 
     ~PulseAudioHardware() override;

@@ -209,6 +209,7 @@ struct PulseConnection::Impl {
     mutable std::condition_variable syncedCv;
     bool isSynced = false;
     uint64_t generation = 0;
+    uint64_t failedAttempts = 0;
     PulseServerInfo server;          // what readers see (writes show at once)
     PulseServerInfo reportedServer;  // what the server last said (for diffs)
     std::map<uint32_t, std::shared_ptr<const PulseDevice>> visible;
@@ -253,6 +254,11 @@ struct PulseConnection::Impl {
     }
 
     void scheduleRetry() {
+        {
+            std::lock_guard lock(stateMutex);
+            ++failedAttempts;
+        }
+        syncedCv.notify_all();
         if (shuttingDown || retryEvent) return;
         retryDelay = retryDelay.count() == 0 ? options.firstRetryDelay
                                              : std::min(retryDelay * 2, options.maxRetryDelay);
@@ -647,9 +653,14 @@ void PulseConnection::shutdown() {
     }
 }
 
-bool PulseConnection::waitUntilSynced(std::chrono::milliseconds timeout) const {
+bool PulseConnection::waitUntilSynced(std::chrono::milliseconds timeout,
+                                      bool giveUpOnFailure) const {
     std::unique_lock lock(impl_->stateMutex);
-    return impl_->syncedCv.wait_for(lock, timeout, [&] { return impl_->isSynced; });
+    const uint64_t failuresBefore = impl_->failedAttempts;
+    impl_->syncedCv.wait_for(lock, timeout, [&] {
+        return impl_->isSynced || (giveUpOnFailure && impl_->failedAttempts != failuresBefore);
+    });
+    return impl_->isSynced;
 }
 
 bool PulseConnection::synced() const {

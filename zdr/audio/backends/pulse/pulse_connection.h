@@ -126,8 +126,10 @@ class PulseConnection : public std::enable_shared_from_this<PulseConnection> {
     /// it returns (unless called from the handler itself). Idempotent.
     void shutdown();
 
-    /// Waits until the snapshot is synced with a server, at most `timeout`.
-    bool waitUntilSynced(std::chrono::milliseconds timeout) const;
+    /// Waits until the snapshot is synced with a server, at most `timeout`;
+    /// with `giveUpOnFailure`, also stops once an attempt to connect failed
+    /// (no server there), so that probing for a server costs one attempt.
+    bool waitUntilSynced(std::chrono::milliseconds timeout, bool giveUpOnFailure = false) const;
     bool synced() const;
     /// Number of successful syncs so far (1 after the first connection).
     uint64_t generation() const;
