@@ -24,43 +24,43 @@ const AudioObjectPropertyAddress kWildcard{kAudioObjectPropertySelectorWildcard,
                                            kAudioObjectPropertyScopeWildcard,
                                            kAudioObjectPropertyElementWildcard};
 
-// Records listener calls (object, address) and lets a test wait for one.
+// Records listener calls (object, address) and lets a test wait for one. The
+// blocks share the log's state, so a call that arrives after the log went out
+// of scope touches nothing freed.
 class CallLog {
  public:
     ListenerBlockRef block() {
         return makeListenerBlock(
-            [this](AudioObjectID object, const std::vector<AudioObjectPropertyAddress>& addrs) {
-                {
-                    std::lock_guard lock(mutex_);
-                    for (const auto& a : addrs) calls_.push_back({object, a});
-                }
-                cv_.notify_all();
+            [state = state_](AudioObjectID object,
+                             const std::vector<AudioObjectPropertyAddress>& addrs) {
+                std::lock_guard lock(state->mutex);
+                for (const auto& a : addrs) state->calls.push_back({object, a});
+                state->cv.notify_all();
             });
     }
     bool waitFor(AudioObjectID object, AudioObjectPropertySelector selector,
                  std::chrono::milliseconds timeout = 5000ms, UInt32 element = ~0u) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] {
-            for (size_t i = 0; i < calls_.size(); ++i) {
-                if (calls_[i].first == object && calls_[i].second.mSelector == selector &&
-                    (element == ~0u || calls_[i].second.mElement == element)) {
-                    calls_.erase(calls_.begin(), calls_.begin() + static_cast<long>(i) + 1);
+        std::unique_lock lock(state_->mutex);
+        auto& calls = state_->calls;
+        return state_->cv.wait_for(lock, timeout, [&] {
+            for (size_t i = 0; i < calls.size(); ++i) {
+                if (calls[i].first == object && calls[i].second.mSelector == selector &&
+                    (element == ~0u || calls[i].second.mElement == element)) {
+                    calls.erase(calls.begin(), calls.begin() + static_cast<long>(i) + 1);
                     return true;
                 }
             }
             return false;
         });
     }
-    size_t count(AudioObjectPropertySelector selector) {
-        std::lock_guard lock(mutex_);
-        return static_cast<size_t>(std::count_if(
-            calls_.begin(), calls_.end(), [&](auto& c) { return c.second.mSelector == selector; }));
-    }
 
  private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<std::pair<AudioObjectID, AudioObjectPropertyAddress>> calls_;
+    struct State {
+        std::mutex mutex;
+        std::condition_variable cv;
+        std::vector<std::pair<AudioObjectID, AudioObjectPropertyAddress>> calls;
+    };
+    std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 class PulseAudioHardwareTest : public zdr::testing::PulseServerTest {
