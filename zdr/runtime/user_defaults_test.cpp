@@ -285,6 +285,36 @@ TEST_F(UserDefaultsTest, ConcurrentSettersAndSavesLoseNothing) {
             ASSERT_EQ(c->integerForKey("k" + std::to_string(t) + "-" + std::to_string(i)), i);
 }
 
+TEST(UserDefaultsExit, UnsavedChangesAreSavedWhenTheProcessExits) {
+    // The child re-runs this test from the start, so the file is passed to it
+    // through the environment.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    constexpr const char* kVar = "ZDR_TEST_DEFAULTS_EXIT_FILE";
+    fs::path file;
+    if (const char* inherited = std::getenv(kVar)) {
+        file = inherited;
+    } else {
+        std::string tmpl = (fs::temp_directory_path() / "zdr-defaults-exit-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
+        file = fs::path(tmpl) / "defaults.json";
+        ::setenv(kVar, file.c_str(), 1);
+    }
+    EXPECT_EXIT(
+        {
+            // Never destroyed (a global root, so no leak either): only the
+            // exit-time save can write the change.
+            static UserDefaults* kept = new UserDefaults(file);
+            kept->setAutosaveDelay(3600);
+            kept->setString("saved at exit", "k");
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    ::unsetenv(kVar);
+    EXPECT_EQ(UserDefaults(file).stringForKey("k"), "saved at exit");
+    std::error_code ec;
+    fs::remove_all(file.parent_path(), ec);
+}
+
 TEST(UserDefaultsPath, StandardFileFollowsXdgAndTheBundleIdentifier) {
     const char* oldXdg = std::getenv("XDG_CONFIG_HOME");
     const std::optional<std::string> savedXdg =
