@@ -1,0 +1,121 @@
+#include "zdr/logging/os_log_destination.h"
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "zdr/logging/internal_log.h"
+#include "zdr/logging/journal_socket.h"
+#include "zdr/runtime/bundle.h"
+
+namespace zdr {
+
+namespace {
+
+std::string currentSubsystem() {
+    if (auto identifier = Bundle::main().bundleIdentifier(); identifier && !identifier->empty()) {
+        return *identifier;
+    }
+    return "com.tallpinecraft";
+}
+
+bool isWithinXCode() {
+    return std::getenv("__XCODE_BUILT_PRODUCTS_DIR_PATHS") != nullptr ||
+           std::getenv("OS_ACTIVITY_DT_MODE") != nullptr;
+}
+
+}  // namespace
+
+OSLogDestination::OSLogDestination(std::string identifier)
+    : BaseQueuedDestination(std::move(identifier)) {
+    subsystem_ = currentSubsystem();
+    fromWithinXCode_ = isWithinXCode();
+}
+
+OSLogDestination::~OSLogDestination() {
+    std::string text = "Deinit OSLogDestination for " + identifier() + "\n";
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+int OSLogDestination::priorityFor(LogLevel level) {
+    switch (level) {
+        case LogLevel::verbose:
+        case LogLevel::debug:
+            return 7;  // debug
+        case LogLevel::info:
+            return 6;            // info
+        case LogLevel::warning:  // deliberately the error type, as error itself
+        case LogLevel::error:
+            return 3;
+        default:
+            return 5;  // the default type: notice, severe and above
+    }
+}
+
+std::string OSLogDestination::journalSocketPath() { return detail::JournalSocket::shared().path(); }
+
+void OSLogDestination::setJournalSocketPath(std::string path) {
+    detail::JournalSocket::shared().setPath(std::move(path));
+}
+
+bool OSLogDestination::journalAvailable() { return detail::JournalSocket::shared().exists(); }
+
+void OSLogDestination::output(const LogDetails& logDetails, std::string_view message) {
+    nextLogLevel_.store(static_cast<std::uint8_t>(logDetails.level), std::memory_order_relaxed);
+    if (!hasLogQueue()) {
+        // The level and code location travel with the line itself, so two
+        // threads logging at once can never swap each other's priority.
+        emit(logDetails.level, logDetails.fileName, logDetails.lineNumber, logDetails.functionName,
+             message);
+        return;
+    }
+    auto queue = logQueue();
+    auto self = std::static_pointer_cast<OSLogDestination>(weak_from_this().lock());
+    if (!queue || !self) {
+        emit(logDetails.level, logDetails.fileName, logDetails.lineNumber, logDetails.functionName,
+             message);
+        return;
+    }
+    queue->async([self, level = logDetails.level, file = std::string(logDetails.fileName),
+                  line = logDetails.lineNumber, function = std::string(logDetails.functionName),
+                  text = std::string(message)] { self->emit(level, file, line, function, text); });
+}
+
+void OSLogDestination::write(std::string_view message) { emit(nextLogLevel(), {}, 0, {}, message); }
+
+void OSLogDestination::emit(LogLevel level, std::string_view file, long line,
+                            std::string_view function, std::string_view message) const {
+    // The journal wants UTF-8; replace whatever is not before it gets there.
+    std::string text, codeFile, codeFunc, category;
+    text.reserve(message.size());
+    detail::appendValidUtf8(message, text);
+    detail::appendValidUtf8(file, codeFile);
+    detail::appendValidUtf8(function, codeFunc);
+    detail::appendValidUtf8(identifier(), category);
+    char priority[4];
+    auto p = std::to_chars(priority, priority + sizeof priority, priorityFor(level)).ptr;
+    char lineText[24];
+    auto l = std::to_chars(lineText, lineText + sizeof lineText, line).ptr;
+
+    std::vector<detail::JournalField> fields = {
+        {"MESSAGE", text},
+        {"PRIORITY", std::string_view(priority, static_cast<std::size_t>(p - priority))},
+        {"SYSLOG_IDENTIFIER", subsystem_},
+        {"ZDR_SUBSYSTEM", subsystem_},
+        {"ZDR_CATEGORY", category},
+    };
+    if (!codeFile.empty()) {
+        fields.push_back({"CODE_FILE", codeFile});
+        fields.push_back(
+            {"CODE_LINE", std::string_view(lineText, static_cast<std::size_t>(l - lineText))});
+    }
+    if (!codeFunc.empty()) fields.push_back({"CODE_FUNC", codeFunc});
+    std::string datagram;
+    datagram.reserve(text.size() + codeFile.size() + codeFunc.size() + 160);
+    detail::encodeJournalEntry(fields, datagram);
+    detail::JournalSocket::shared().send(datagram);
+}
+
+}  // namespace zdr
