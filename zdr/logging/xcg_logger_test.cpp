@@ -26,11 +26,13 @@ class SwitchFilter : public FilterProtocol {
     explicit SwitchFilter(bool early) : early_(early) {}
     bool shouldExclude(const LogDetails& d, std::string_view message) const override {
         ++asked;
+        std::lock_guard lock(mutex);
         lastMessage = std::string(message);
         lastLevel = d.level;
         return !pass.load();
     }
     bool decidesBeforeMessage() const override { return early_; }
+    mutable std::mutex mutex;
     mutable std::atomic<int> asked{0};
     mutable std::string lastMessage;
     mutable LogLevel lastLevel = LogLevel::none;
