@@ -4,6 +4,8 @@
 // unregisters them when destroyed. User interfaces bind to such keys
 // ("volume", "deviceName", "level"...), and pipelines can watch the
 // objectWillChange()/objectDidChange() publishers, which carry the key.
+// Published<T> is a property that announces itself under its key and also
+// publishes its values.
 //
 // Use it as a base class (or a member) of the announcing object:
 //
@@ -26,6 +28,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -106,6 +109,49 @@ class ObservableObject {
 
  private:
     std::shared_ptr<detail::KeyObserverRegistry> registry_;
+};
+
+/// A property of an ObservableObject whose changes are announced under its
+/// key and published (like a published property and its `$` publisher).
+/// set() announces will-change, emits the new value on publisher() (where a
+/// subscriber still reads the old value through get()), stores it, then
+/// announces did-change. publisher() gives a new subscriber the current value
+/// first. Thread safety: get() and publisher() from any thread; set() from any
+/// thread, but concurrent set() calls may publish in a different order than
+/// they store, so callers that set from several threads serialise them.
+template <class T>
+class Published {
+ public:
+    Published(const ObservableObject& owner, std::string key, T initial)
+        : owner_(owner),
+          key_(std::move(key)),
+          value_(initial),
+          subject_(CurrentValueSubject<T>::make(std::move(initial))) {}
+    Published(const Published&) = delete;
+    Published& operator=(const Published&) = delete;
+
+    T get() const {
+        std::lock_guard lock(mutex_);
+        return value_;
+    }
+    void set(T value) {
+        owner_.willChangeValue(key_);
+        subject_->send(value);
+        {
+            std::lock_guard lock(mutex_);
+            value_ = std::move(value);
+        }
+        owner_.didChangeValue(key_);
+    }
+    AnyPublisher<T> publisher() const { return subject_; }
+    const std::string& key() const { return key_; }
+
+ private:
+    const ObservableObject& owner_;
+    const std::string key_;
+    mutable std::mutex mutex_;
+    T value_;
+    std::shared_ptr<CurrentValueSubject<T>> subject_;
 };
 
 }  // namespace zdr

@@ -120,5 +120,28 @@ TEST(ObservableObject, ObserversMayRemoveThemselvesWhileOthersAnnounceConcurrent
     EXPECT_EQ(channel.keyObserverCount(), 0u);
 }
 
+class Clocks : public ObservableObject {
+ public:
+    Published<int> count{*this, "count", 0};
+};
+
+TEST(Published, AnnouncesPublishesBeforeStoringAndReplaysTheCurrentValue) {
+    Clocks clocks;
+    std::vector<std::string> log;
+    auto token = clocks.observe("count", [&](const KeyChange& c) { log.push_back(describe(c)); },
+                                {.prior = true});
+    auto sub = clocks.count.publisher()->sink([&](const int& v) {
+        log.push_back("value " + std::to_string(v) + " while stored " +
+                      std::to_string(clocks.count.get()));
+    });
+    clocks.count.set(5);
+    EXPECT_EQ(clocks.count.get(), 5);
+    EXPECT_EQ(log, (std::vector<std::string>{"value 0 while stored 0", "will:count",
+                                             "value 5 while stored 0", "did:count"}));
+    std::vector<int> late;
+    auto lateSub = clocks.count.publisher()->sink([&](const int& v) { late.push_back(v); });
+    EXPECT_EQ(late, (std::vector<int>{5}));
+}
+
 }  // namespace
 }  // namespace zdr
