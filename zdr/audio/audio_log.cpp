@@ -1,0 +1,67 @@
+#include "zdr/audio/audio_log.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+
+namespace zdr::detail {
+
+namespace {
+struct ObserverSlot {
+    std::mutex mutex;
+    std::shared_ptr<const AudioLogObserver> observer;
+};
+ObserverSlot& slot() {
+    static ObserverSlot* s = new ObserverSlot();  // lives until the process ends
+    return *s;
+}
+std::shared_ptr<const AudioLogObserver> currentObserver() {
+    std::lock_guard lock(slot().mutex);
+    return slot().observer;
+}
+const char* categoryName(AudioLogCategory c) {
+    switch (c) {
+        case AudioLogCategory::app:
+            return "app";
+        case AudioLogCategory::audio:
+            return "audio";
+        case AudioLogCategory::audioProperties:
+            return "audioProperties";
+        case AudioLogCategory::debug:
+            return "debug";
+    }
+    return "app";
+}
+}  // namespace
+
+void setAudioLogObserver(AudioLogObserver observer) {
+    auto next = observer ? std::make_shared<const AudioLogObserver>(std::move(observer)) : nullptr;
+    std::lock_guard lock(slot().mutex);
+    slot().observer = std::move(next);
+}
+
+bool audioLogWanted(AudioLogCategory category, AudioLogLevel level) {
+    (void)level;
+    if (currentObserver()) return true;
+    const char* env = std::getenv("ZDR_LOG");
+    return env != nullptr &&
+           std::string_view(env).find(categoryName(category)) != std::string_view::npos;
+}
+
+void audioLogWrite(AudioLogCategory category, AudioLogLevel level, std::string_view function,
+                   const char* file, int line, std::string message) {
+    if (auto observer = currentObserver()) {
+        (*observer)(AudioLogRecord{category, level, std::string(function), message});
+    }
+    (void)file;
+    (void)line;
+    const char* env = std::getenv("ZDR_LOG");
+    if (env != nullptr &&
+        std::string_view(env).find(categoryName(category)) != std::string_view::npos) {
+        std::fprintf(stderr, "[%s] %.*s: %s\n", categoryName(category),
+                     static_cast<int>(function.size()), function.data(), message.c_str());
+    }
+}
+
+}  // namespace zdr::detail
