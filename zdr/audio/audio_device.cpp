@@ -198,8 +198,8 @@ bool AudioDevice::setupUsingCoreAudioDevice() {
                                    coreAudioDevice_->MuteControlIsSettable(out, main));
         removeNotificationListener();
         listenForNotifications();
-        didChangeValueForKey("deviceName");
-        didChangeValueForKey("deviceUID");
+        didChangeValue("deviceName");
+        didChangeValue("deviceUID");
         return true;
     } catch (const CAException& e) {
         ZDR_AUDIO_LOG(app, error,

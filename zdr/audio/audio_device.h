@@ -20,7 +20,9 @@
 //   kCoreAudioDRestarted          object none       when the audio server restarted
 //   kAudioDevicesDefaultOutputChanged  object none  when the default output changed;
 //                                 posted from the listener queue, not the main queue
-// The host drains DispatchQueue::main() to receive them.
+// The host drains DispatchQueue::main() to receive them. Observable keys
+// (ObservableObject): "deviceName" and "deviceUID" after each setup,
+// "volume" and "recordVolume" on the main queue after a volume change.
 //
 // Threads: every operation may be called from any thread. HAL listener blocks
 // run on the serial queue "com.tallpinecraft.audio.notifications". The class
@@ -42,6 +44,7 @@
 #include "zdr/runtime/dictionary.h"
 #include "zdr/runtime/dispatch_queue.h"
 #include "zdr/runtime/error.h"
+#include "zdr/runtime/observable_object.h"
 
 namespace zdr {
 
@@ -74,7 +77,7 @@ class AudioDeviceDelegate {
                                          const Dictionary& info) = 0;
 };
 
-class AudioDevice : public std::enable_shared_from_this<AudioDevice> {
+class AudioDevice : public ObservableObject, public std::enable_shared_from_this<AudioDevice> {
  public:
     // ======== Registry and identity ========
 
@@ -272,11 +275,6 @@ class AudioDevice : public std::enable_shared_from_this<AudioDevice> {
     /// As above with the rounds `interval` seconds apart.
     void fakeCoreAudioDRestart(double interval);
 
-    /// Observable keys ("deviceName", "deviceUID", "volume", "recordVolume"):
-    /// `callback` runs on the thread that announces the change. The
-    /// observation lasts while the returned handle lives.
-    [[nodiscard]] std::shared_ptr<void> observeKey(const std::string& key,
-                                                   std::function<void()> callback);
 
     // ======== Class-level plumbing ========
 
@@ -298,7 +296,6 @@ class AudioDevice : public std::enable_shared_from_this<AudioDevice> {
     /// Base initialisation only: no HAL wrapper, channels or listener (for
     /// stand-in devices such as the default-output proxy).
     AudioDevice();
-    void didChangeValueForKey(const std::string& key);
 
  private:
     void reactToPropertyChange(const Dictionary& change, hal::AudioObjectPropertySelector selector);
@@ -316,12 +313,11 @@ class AudioDevice : public std::enable_shared_from_this<AudioDevice> {
     std::atomic<bool> testMakeNotAlive_{false};
     std::atomic<bool> testMakeIDGoZero_{false};
 
-    mutable std::mutex fieldsMutex_;  // leaf lock: strings, delegate, cache, key observers
+    mutable std::mutex fieldsMutex_;  // leaf lock: strings, delegate, cache
     std::string deviceUID_;
     std::string deviceName_ = "<not set>";
     std::weak_ptr<AudioDeviceDelegate> delegate_;
     std::map<std::string, hal::UInt32> propertiesCache_;
-    std::multimap<std::string, std::weak_ptr<std::function<void()>>> keyObservers_;
 
     std::atomic<float> newFastMaxPowerInDBAcrossAllChannels_{0.0f};
     std::unique_ptr<DispatchLock> recordChannelsLock_;

@@ -190,8 +190,8 @@ void AudioDevice::reactToPropertyChange(const Dictionary& change,
         case kAudioDevicePropertyVolumeScalar: {
             auto self = shared_from_this();
             DispatchQueue::main().async([self] {
-                self->didChangeValueForKey("volume");
-                self->didChangeValueForKey("recordVolume");
+                self->didChangeValue("volume");
+                self->didChangeValue("recordVolume");
             });
             break;
         }
@@ -236,34 +236,6 @@ void AudioDevice::notifyDelegateOfPropertyChange(const Dictionary& change) {
     DispatchQueue::main().async([self, change] {
         if (auto d = self->delegate()) d->propertyChangedOnDevice(self, change);
     });
-}
-
-// ---------------------------------------------------------------------------
-// Observable keys
-
-std::shared_ptr<void> AudioDevice::observeKey(const std::string& key,
-                                              std::function<void()> callback) {
-    auto holder = std::make_shared<std::function<void()>>(std::move(callback));
-    std::lock_guard lock(fieldsMutex_);
-    keyObservers_.emplace(key, holder);
-    return holder;
-}
-
-void AudioDevice::didChangeValueForKey(const std::string& key) {
-    std::vector<std::shared_ptr<std::function<void()>>> live;
-    {
-        std::lock_guard lock(fieldsMutex_);
-        auto [begin, end] = keyObservers_.equal_range(key);
-        for (auto it = begin; it != end;) {
-            if (auto f = it->second.lock()) {
-                live.push_back(std::move(f));
-                ++it;
-            } else {
-                it = keyObservers_.erase(it);
-            }
-        }
-    }
-    for (const auto& f : live) (*f)();
 }
 
 // ---------------------------------------------------------------------------

@@ -141,8 +141,8 @@ TEST_F(Listeners, StreamsChangeClearsTheCacheAndVolumeChangeAnnouncesKeys) {
     auto dev = speakers();
     dev->playbackChannelCount();
     int volumeAnnouncements = 0, recordVolumeAnnouncements = 0;
-    auto a = dev->observeKey("volume", [&] { ++volumeAnnouncements; });
-    auto b = dev->observeKey("recordVolume", [&] { ++recordVolumeAnnouncements; });
+    auto a = dev->observe("volume", [&](const KeyChange&) { ++volumeAnnouncements; });
+    auto b = dev->observe("recordVolume", [&](const KeyChange&) { ++recordVolumeAnnouncements; });
     hw_->raise(kSpeakers, {{kAudioDevicePropertyStreams, kAudioObjectPropertyScopeOutput, 0}});
     hw_->setVolume(kSpeakers, false, 0, 0.25f);
     settle();
