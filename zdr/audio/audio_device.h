@@ -275,7 +275,6 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     /// As above with the rounds `interval` seconds apart.
     void fakeCoreAudioDRestart(double interval);
 
-
     // ======== Class-level plumbing ========
 
     /// The serial queue every HAL listener block of this layer runs on.

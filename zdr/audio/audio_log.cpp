@@ -33,6 +33,17 @@ const char* categoryName(AudioLogCategory c) {
     }
     return "app";
 }
+// Read once: the environment is not touched again while threads log.
+const std::string& enabledCategories() {
+    static const std::string* categories = [] {
+        const char* env = std::getenv("ZDR_LOG");
+        return new std::string(env ? env : "");
+    }();
+    return *categories;
+}
+bool categoryOn(AudioLogCategory category) {
+    return enabledCategories().find(categoryName(category)) != std::string::npos;
+}
 }  // namespace
 
 void setAudioLogObserver(AudioLogObserver observer) {
@@ -44,9 +55,7 @@ void setAudioLogObserver(AudioLogObserver observer) {
 bool audioLogWanted(AudioLogCategory category, AudioLogLevel level) {
     (void)level;
     if (currentObserver()) return true;
-    const char* env = std::getenv("ZDR_LOG");
-    return env != nullptr &&
-           std::string_view(env).find(categoryName(category)) != std::string_view::npos;
+    return categoryOn(category);
 }
 
 void audioLogWrite(AudioLogCategory category, AudioLogLevel level, std::string_view function,
@@ -56,9 +65,7 @@ void audioLogWrite(AudioLogCategory category, AudioLogLevel level, std::string_v
     }
     (void)file;
     (void)line;
-    const char* env = std::getenv("ZDR_LOG");
-    if (env != nullptr &&
-        std::string_view(env).find(categoryName(category)) != std::string_view::npos) {
+    if (categoryOn(category)) {
         std::fprintf(stderr, "[%s] %.*s: %s\n", categoryName(category),
                      static_cast<int>(function.size()), function.data(), message.c_str());
     }

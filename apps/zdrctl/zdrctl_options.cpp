@@ -1,0 +1,113 @@
+#include "apps/zdrctl/zdrctl_options.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+
+namespace zdr::zdrctl {
+
+std::string usageText() {
+    return R"(Usage: zdrctl [options] <command> [command options]
+
+The machine's audio devices as long-lived objects that survive unplugging,
+replugging and audio-server restarts.
+
+Commands:
+  devices [--json]     List the audio devices: UID, name, direction, channels,
+                       sample rate, transport and default marks
+                       (O default output, S system output, I default input).
+                       --json prints one JSON array for scripts.
+  watch [--seconds N]  Print every device notification and property change as it
+                       happens (time, device, what changed) until interrupted
+                       (Ctrl-C, SIGTERM) or for N seconds.
+  demo                 On the simulated backend: unplug and replug a device,
+                       restart the audio server, change the default output and a
+                       volume, and show that the same device objects come back.
+
+Options:
+  --backend NAME       pulse or simulated. Default: $ZDR_AUDIO_BACKEND, else the
+                       real audio server when one answers, else simulated.
+  --hardware FILE      Describe the simulated machine with a JSON file (implies
+                       --backend simulated).
+  --log CATEGORIES     Switch log categories on, comma-separated (audio,
+                       audioProperties, debug, app; NAME=LEVEL sets a level).
+  -h, --help           Show this text.
+
+Exit codes:
+  0  success
+  1  the command failed (for example, demo saw a device object replaced)
+  2  bad command line
+  3  the --hardware file is missing, unreadable, malformed or inconsistent
+  4  the backend is unknown or not available
+)";
+}
+
+ParseResult parseArguments(const std::vector<std::string>& args) {
+    Options o;
+    std::optional<Command> command;
+    auto fail = [](std::string message) { return ParseResult{std::nullopt, std::move(message)}; };
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&](const char* name) -> std::optional<std::string> {
+            if (i + 1 >= args.size() || args[i + 1].empty()) return std::nullopt;
+            (void)name;
+            return args[++i];
+        };
+        if (a == "-h" || a == "--help" || a == "help") {
+            o.command = Command::help;
+            return {o, ""};
+        } else if (a == "--backend") {
+            auto v = value("--backend");
+            if (!v) return fail("--backend needs a name (pulse or simulated)");
+            o.backend = *v;
+        } else if (a == "--hardware") {
+            auto v = value("--hardware");
+            if (!v) return fail("--hardware needs a JSON file");
+            o.hardware = *v;
+        } else if (a == "--log") {
+            auto v = value("--log");
+            if (!v) return fail("--log needs a comma-separated list of categories");
+            o.logCategories = *v;
+        } else if (a == "--json") {
+            o.json = true;
+        } else if (a == "--seconds") {
+            auto v = value("--seconds");
+            if (!v) return fail("--seconds needs a number of seconds");
+            char* end = nullptr;
+            errno = 0;
+            const double s = std::strtod(v->c_str(), &end);
+            if (errno != 0 || end == v->c_str() || *end != '\0' || !std::isfinite(s) || s < 0) {
+                return fail("--seconds needs a non-negative number, not \"" + *v + "\"");
+            }
+            o.seconds = s;
+        } else if (!a.empty() && a[0] == '-') {
+            return fail("unknown option \"" + a + "\"");
+        } else if (command) {
+            return fail("unexpected argument \"" + a + "\"");
+        } else if (a == "devices") {
+            command = Command::devices;
+        } else if (a == "watch") {
+            command = Command::watch;
+        } else if (a == "demo") {
+            command = Command::demo;
+        } else {
+            return fail("unknown command \"" + a + "\" (devices, watch or demo)");
+        }
+    }
+    if (!command) return fail("no command given (devices, watch or demo)");
+    o.command = *command;
+    if (o.json && o.command != Command::devices) return fail("--json belongs to \"devices\"");
+    if (o.seconds && o.command != Command::watch) return fail("--seconds belongs to \"watch\"");
+    if (o.hardware && o.backend && *o.backend != "simulated") {
+        return fail(
+            "--hardware describes the simulated backend; it cannot be used with --backend " +
+            *o.backend);
+    }
+    if (o.command == Command::demo && o.backend && *o.backend != "simulated") {
+        return fail("demo runs on the simulated backend; it cannot be used with --backend " +
+                    *o.backend);
+    }
+    return {o, ""};
+}
+
+}  // namespace zdr::zdrctl
