@@ -16,6 +16,9 @@
 // with a message instead of hanging. asyncWrite from inside any work is fine
 // and runs after the current work. For a reentrant lock use NormalLock.
 //
+// Block-based callers use the same members with std::function arguments;
+// readAndReturn is the type-erased form for closures that answer an object.
+//
 // setQueue() replaces the queue: work still pending on the old queue is not
 // ordered against work on the new one, and setQueue() itself must not race
 // with other calls on the same lock (it is meant for set-up).

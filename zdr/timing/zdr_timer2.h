@@ -16,7 +16,9 @@
 // Destruction is safe whether the timer is running or stopped: once the
 // destructor returns the work is never called again, and the destructor waits
 // for a firing that is already running the work (unless it is called from
-// inside that work).
+// inside that work), so the work must not wait synchronously for the thread
+// that destroys the timer (a sync onto the main queue while the main thread
+// destroys it would deadlock).
 #pragma once
 
 #include <atomic>
