@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <mutex>
 
+#include "zdr/logging/app_log.h"
+
 namespace zdr::detail {
 namespace {
 
@@ -16,22 +18,6 @@ ChannelLogObserver& observerSlot() {
     return observer;
 }
 
-const char* levelName(ChannelLogLevel level) {
-    switch (level) {
-        case ChannelLogLevel::error:
-            return "Error";
-        case ChannelLogLevel::warning:
-            return "Warning";
-        case ChannelLogLevel::info:
-            return "Info";
-        case ChannelLogLevel::verbose:
-            return "Verbose";
-        case ChannelLogLevel::debug:
-            return "Debug";
-    }
-    return "";
-}
-
 }  // namespace
 
 void setChannelLogObserver(ChannelLogObserver observer) {
@@ -39,7 +25,8 @@ void setChannelLogObserver(ChannelLogObserver observer) {
     observerSlot() = std::move(observer);
 }
 
-void channelLog(ChannelLogLevel level, const char* function, const char* format, ...) {
+void channelLog(ChannelLogLevel level, const char* function, const char* file, int line,
+                const char* format, ...) {
     char stackBuffer[512];
     std::va_list args;
     va_start(args, format);
@@ -62,15 +49,10 @@ void channelLog(ChannelLogLevel level, const char* function, const char* format,
         std::lock_guard lock(observerMutex());
         observer = observerSlot();
     }
-    if (observer) {
-        observer(ChannelLogRecord{level, function, message});
-        return;
-    }
-    // Errors and warnings are never dropped silently, even before the host
-    // has configured any logging.
-    if (level <= ChannelLogLevel::warning) {
-        std::fprintf(stderr, "[%s] %s: %s\n", levelName(level), function, message.c_str());
-    }
+    if (observer) observer(ChannelLogRecord{level, function, message});
+    // These lines name no category of their own, so they go to the
+    // application logger, silent until the host switches "app" on.
+    __AppLog(static_cast<long>(level), "%s", function, file, line, message.c_str());
 }
 
 }  // namespace zdr::detail

@@ -1,6 +1,8 @@
 // Internal: how the channel, volume and default-device code writes its log
 // lines: printf-style messages at the facade's levels, with the calling
-// function's name. Tests may install an observer that sees every line.
+// function, file and line, to the application logger ("app"), which is silent
+// until the host switches it on. Tests may install an observer that sees
+// every line whatever the switches say.
 //
 // Thread safety: any thread.
 #pragma once
@@ -22,10 +24,11 @@ using ChannelLogObserver = std::function<void(const ChannelLogRecord&)>;
 /// Replaces the observer (an empty function removes it).
 void setChannelLogObserver(ChannelLogObserver observer);
 
-void channelLog(ChannelLogLevel level, const char* function, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+void channelLog(ChannelLogLevel level, const char* function, const char* file, int line,
+                const char* format, ...) __attribute__((format(printf, 5, 6)));
 
 }  // namespace zdr::detail
 
-#define ZDR_CHANNEL_LOG(level, ...) \
-    ::zdr::detail::channelLog(::zdr::detail::ChannelLogLevel::level, __func__, __VA_ARGS__)
+#define ZDR_CHANNEL_LOG(level, ...)                                                                \
+    ::zdr::detail::channelLog(::zdr::detail::ChannelLogLevel::level, __func__, __FILE__, __LINE__, \
+                              __VA_ARGS__)
