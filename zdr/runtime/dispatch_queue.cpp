@@ -87,6 +87,14 @@ struct SyncWaiter {
     bool released = false;
 };
 
+// An asynchronous barrier that has been handed to the pool but not started.
+// Whoever claims it first runs it: the pool thread, or a sync() caller that
+// would otherwise sit waiting for that thread to wake up.
+struct BarrierTask {
+    std::function<void()> fn;
+    std::atomic<bool> claimed{false};
+};
+
 struct Item {
     std::function<void()> fn;
     bool barrier = false;
@@ -113,6 +121,7 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     std::deque<Item> pending;
     std::size_t running = 0;  // concurrent: non-barrier work running
     bool exclusive = false;   // a barrier (concurrent) or any work (serial) holds the queue
+    std::shared_ptr<BarrierTask> stealable;  // the last barrier handed to the pool
 
     // Main queue only.
     std::condition_variable mainWake;
@@ -175,6 +184,16 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             release(item.waiter);
             return;
         }
+        if (item.barrier) {
+            auto task = std::make_shared<BarrierTask>();
+            task->fn = std::move(item.fn);
+            stealable = task;
+            ThreadPool::shared().submit([self = shared_from_this(), task] {
+                if (task->claimed.exchange(true)) return;  // a sync() caller ran it
+                self->runBarrierTask(*task);
+            });
+            return;
+        }
         bool barrier = item.barrier;
         ThreadPool::shared().submit(
             [self = shared_from_this(), fn = std::move(item.fn), barrier]() mutable {
@@ -191,6 +210,30 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
                 }
                 self->scheduleLocked();
             });
+    }
+
+    // Runs a claimed barrier on the calling thread and lets the queue go on.
+    void runBarrierTask(BarrierTask& task) {
+        {
+            QueueScope scope(this);
+            runGuarded(task.fn, label);
+        }
+        task.fn = nullptr;
+        std::lock_guard lock(m);
+        exclusive = false;
+        scheduleLocked();
+    }
+
+    // With m held: if the work holding the queue is an unstarted barrier, run
+    // it here. Returns false when there was nothing to take.
+    bool stealBarrier(std::unique_lock<std::mutex>& lock) {
+        if (!exclusive || !stealable) return false;
+        auto task = std::move(stealable);
+        if (task->claimed.exchange(true)) return false;
+        lock.unlock();
+        runBarrierTask(*task);
+        lock.lock();
+        return true;
     }
 
     void submitSerialDrain() {
@@ -260,6 +303,10 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
         SyncWaiter waiter;
         {
             std::unique_lock lock(m);
+            if (kind == Kind::concurrent && !tlsQueues.contains(this)) {
+                while (stealBarrier(lock)) {
+                }
+            }
             if (kind == Kind::concurrent && barrier) fast.fetch_or(kSlow);
             bool free = !exclusive && pending.empty();
             if (free && kind == Kind::concurrent && barrier) {

@@ -9,7 +9,10 @@
 //  - sync() waits for its turn and then runs the work on the caller's thread
 //    (never overtaking work submitted before it). On a concurrent queue a
 //    non-barrier sync with no barrier ahead of it runs at once, inline. On the
-//    main queue sync() runs the work on the main thread.
+//    main queue sync() runs the work on the main thread. A sync() that finds an
+//    asynchronous barrier ahead of it that no worker has started yet runs that
+//    barrier itself, on its own thread, instead of waiting for a worker to
+//    wake up (the order of work is unchanged).
 //  - sync() (serial or barrier) onto a queue whose work is running on the
 //    calling thread is a deadlock; it stops the program with a message instead.
 //  - Exceptions thrown by sync() work reach the caller; exceptions escaping

@@ -354,3 +354,39 @@ TEST(MainQueue, RunDrainsUntilStopped) {
 
 }  // namespace
 }  // namespace zdr
+
+namespace zdr {
+namespace {
+
+TEST(DispatchQueueConcurrent, AsyncWriteThenReadFromTheSameThreadSeesEveryWrite) {
+    // The read may run the pending barrier itself; either way it sees it, and
+    // writes still never overlap each other or a read.
+    DispatchQueue q("test.writethenread", DispatchQueue::Attributes::concurrent);
+    long value = 0;
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlap{false};
+    std::vector<std::thread> threads;
+    std::atomic<int> stale{0};
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 2000; ++i) {
+                long seen = q.sync([&] { return value; });
+                q.async(
+                    [&] {
+                        if (inside.fetch_add(1) != 0) overlap = true;
+                        ++value;
+                        inside.fetch_sub(1);
+                    },
+                    DispatchFlags::barrier);
+                if (q.sync([&] { return value; }) <= seen) stale++;
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(q.sync([&] { return value; }, DispatchFlags::barrier), 6000);
+    EXPECT_EQ(stale.load(), 0);
+    EXPECT_FALSE(overlap);
+}
+
+}  // namespace
+}  // namespace zdr

@@ -42,7 +42,10 @@ ThreadPool::ThreadPool() {
 void ThreadPool::submit(std::function<void()> job) {
     std::lock_guard lock(mutex_);
     jobs_.push_back(std::move(job));
-    if (idle_ > 0) {
+    // Compare with the queued jobs, not just "any idle": an idle worker that
+    // was already woken for an earlier job has not decremented idle_ yet, and
+    // counting it twice would leave this job waiting with nobody woken.
+    if (idle_ >= jobs_.size()) {
         workAvailable_.notify_one();
     } else if (threads_ < softLimit_) {
         spawnLocked();
@@ -98,7 +101,7 @@ void ThreadPool::workerLoop(std::size_t slot) {
     workerTids_[slot] = 0;
     --threads_;
     // A job may have arrived between the timeout and now with nobody to take it.
-    if (!jobs_.empty() && idle_ == 0) spawnLocked();
+    if (jobs_.size() > idle_) spawnLocked();
 }
 
 std::size_t ThreadPool::runningWorkersLocked() const {
@@ -117,10 +120,10 @@ std::size_t ThreadPool::runningWorkersLocked() const {
 void ThreadPool::watchdogLoop() {
     std::unique_lock lock(mutex_);
     for (;;) {
-        watchdogWake_.wait(lock, [this] { return !jobs_.empty() && idle_ == 0; });
+        watchdogWake_.wait(lock, [this] { return jobs_.size() > idle_; });
         std::uint64_t mark = started_;
         watchdogWake_.wait_for(lock, std::chrono::milliseconds(3));
-        if (jobs_.empty() || idle_ > 0 || started_ != mark) continue;
+        if (jobs_.size() <= idle_ || started_ != mark) continue;
         // Work is waiting and no worker picked anything up: if fewer workers
         // than cores are actually running, the rest are blocked, so add one.
         if (threads_ < hardLimit_ && runningWorkersLocked() < softLimit_) spawnLocked();
