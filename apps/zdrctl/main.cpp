@@ -30,7 +30,7 @@ int main(int argc, char** argv) {
         std::cout << usageText();
         return kExitOK;
     }
-    applyLogOption(options);
+    if (!applyLogOption(options, std::cerr)) return kExitUsage;
     if (const int rc =
             installBackend(options, options.command == Command::demo, std::cerr, nullptr);
         rc != kExitOK) {

@@ -18,6 +18,7 @@
 #include "zdr/audio/audio_device.h"
 #include "zdr/audio/backends/simulated/simulated_hardware_description.h"
 #include "zdr/audio/hal/ca_hal_audio_system_object.h"
+#include "zdr/logging/log_settings.h"
 #include "zdr/runtime/notification_center.h"
 
 namespace zdr::zdrctl {
@@ -59,19 +60,17 @@ std::string transportName(UInt32 transport) {
     }
 }
 
-void applyLogOption(const Options& options) {
-    if (!options.logCategories) return;
-    // The logging layer reads ZDR_LOG when it is first used, so setting it
-    // before any library call switches the categories on.
-    std::string spec;
-    std::stringstream list(*options.logCategories);
-    std::string item;
-    while (std::getline(list, item, ',')) {
-        if (item.empty()) continue;
-        if (!spec.empty()) spec += ';';
-        spec += item.find('=') == std::string::npos ? item + "=debug" : item;
+bool applyLogOption(const Options& options, std::ostream& err) {
+    if (!options.logCategories) return true;
+    // A bare list of categories shows everything they log.
+    std::string text = *options.logCategories;
+    if (text.find('=') == std::string::npos) text += "=debug";
+    std::string problem;
+    if (!applyLogSettings(text, &problem)) {
+        err << "zdrctl: --log " << *options.logCategories << ": " << problem << "\n";
+        return false;
     }
-    ::setenv("ZDR_LOG", spec.c_str(), 1);
+    return true;
 }
 
 int installBackend(const Options& options, bool forceSimulated, std::ostream& err,

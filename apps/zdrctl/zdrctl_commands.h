@@ -20,8 +20,9 @@ namespace zdr::zdrctl {
 int installBackend(const Options& options, bool forceSimulated, std::ostream& err,
                    std::shared_ptr<hal::SimulatedAudioHardware>* simulated);
 
-/// Applies --log: the categories are switched on through ZDR_LOG.
-void applyLogOption(const Options& options);
+/// Applies --log (the ZDR_LOG syntax; a bare list of categories shows every
+/// level). False, after writing the problem to `err`, when the text is wrong.
+bool applyLogOption(const Options& options, std::ostream& err);
 
 int runDevices(const Options& options, std::ostream& out, std::ostream& err);
 /// Runs until `stopFd` (a signalfd, or -1 for none) is readable or the

@@ -29,8 +29,9 @@ Options:
                        real audio server when one answers, else simulated.
   --hardware FILE      Describe the simulated machine with a JSON file (implies
                        --backend simulated).
-  --log CATEGORIES     Switch log categories on, comma-separated (audio,
-                       audioProperties, debug, app; NAME=LEVEL sets a level).
+  --log CATEGORIES     Switch log categories on, comma-separated: audio,
+                       audioProperties, debug, app... A bare list shows every
+                       level; the ZDR_LOG syntax ('audio=info;debug=on') works.
   -h, --help           Show this text.
 
 Exit codes:

@@ -1,9 +1,11 @@
 #include "zdr/audio/audio_log.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
+
+#include "zdr/logging/app_log.h"
+#include "zdr/logging/logging.h"
+#include "zdr/logging/shared2.h"
 
 namespace zdr::detail {
 
@@ -11,51 +13,63 @@ namespace {
 struct ObserverSlot {
     std::mutex mutex;
     std::shared_ptr<const AudioLogObserver> observer;
+    std::atomic<bool> present{false};
 };
 ObserverSlot& slot() {
     static ObserverSlot* s = new ObserverSlot();  // lives until the process ends
     return *s;
 }
 std::shared_ptr<const AudioLogObserver> currentObserver() {
+    if (!slot().present.load(std::memory_order_acquire)) return nullptr;
     std::lock_guard lock(slot().mutex);
     return slot().observer;
 }
-const char* categoryName(AudioLogCategory c) {
-    switch (c) {
-        case AudioLogCategory::app:
-            return "app";
+
+const std::shared_ptr<XCGLogger>& loggerFor(AudioLogCategory category) {
+    switch (category) {
         case AudioLogCategory::audio:
-            return "audio";
+            return Shared2::audio();
         case AudioLogCategory::audioProperties:
-            return "audioProperties";
-        case AudioLogCategory::debug:
-            return "debug";
+            return Shared2::audioProperties();
+        case AudioLogCategory::debug: {
+            // The "debug" category is not one of the library's own loggers.
+            static const auto* logger =
+                new std::shared_ptr<XCGLogger>(Logging::loggerWithID(kLoggingDebug));
+            return *logger;
+        }
+        case AudioLogCategory::app:
+            break;
     }
-    return "app";
+    return Shared2::app();
 }
-// Read once: the environment is not touched again while threads log.
-const std::string& enabledCategories() {
-    static const std::string* categories = [] {
-        const char* env = std::getenv("ZDR_LOG");
-        return new std::string(env ? env : "");
-    }();
-    return *categories;
-}
-bool categoryOn(AudioLogCategory category) {
-    return enabledCategories().find(categoryName(category)) != std::string::npos;
+
+LogLevel levelFor(AudioLogLevel level) {
+    switch (level) {
+        case AudioLogLevel::error:
+            return LogLevel::error;
+        case AudioLogLevel::warning:
+            return LogLevel::warning;
+        case AudioLogLevel::info:
+            return LogLevel::info;
+        case AudioLogLevel::verbose:
+            return LogLevel::verbose;
+        case AudioLogLevel::debug:
+            return LogLevel::debug;
+    }
+    return LogLevel::none;
 }
 }  // namespace
 
 void setAudioLogObserver(AudioLogObserver observer) {
     auto next = observer ? std::make_shared<const AudioLogObserver>(std::move(observer)) : nullptr;
     std::lock_guard lock(slot().mutex);
+    slot().present.store(next != nullptr, std::memory_order_release);
     slot().observer = std::move(next);
 }
 
 bool audioLogWanted(AudioLogCategory category, AudioLogLevel level) {
-    (void)level;
-    if (currentObserver()) return true;
-    return categoryOn(category);
+    if (slot().present.load(std::memory_order_acquire)) return true;
+    return loggerFor(category)->shouldLog(levelFor(level));
 }
 
 void audioLogWrite(AudioLogCategory category, AudioLogLevel level, std::string_view function,
@@ -63,12 +77,9 @@ void audioLogWrite(AudioLogCategory category, AudioLogLevel level, std::string_v
     if (auto observer = currentObserver()) {
         (*observer)(AudioLogRecord{category, level, std::string(function), message});
     }
-    (void)file;
-    (void)line;
-    if (categoryOn(category)) {
-        std::fprintf(stderr, "[%s] %.*s: %s\n", categoryName(category),
-                     static_cast<int>(function.size()), function.data(), message.c_str());
-    }
+    const auto& logger = loggerFor(category);
+    const LogLevel lv = levelFor(level);
+    if (logger->shouldLog(lv)) logger->logln(message, lv, function, file, line);
 }
 
 }  // namespace zdr::detail

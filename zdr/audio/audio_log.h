@@ -1,8 +1,8 @@
 // Internal: how the audio layer writes its log lines. Each line goes to one of
-// the category loggers the audio code uses ("app", "audio", "audioProperties",
-// "debug") with the calling function's name, so the line reads the same as the
-// rest of the library's logging. The message is formatted only when the
-// category would write it.
+// the category loggers the audio code uses (Shared2::app(), Shared2::audio(),
+// Shared2::audioProperties() and the "debug" logger) with the calling
+// function's name. The message is formatted only when the category would
+// write it (categories are silent until the host switches them on).
 //
 // Tests may install an observer that sees every line whatever the category
 // switches say (setAudioLogObserver), to check what was logged and at which
