@@ -413,8 +413,38 @@ std::optional<std::string> AudioDevice::maybeUUIDForHiddenDevices(AudioObjectID 
     return std::nullopt;
 }
 
+namespace {
+std::optional<std::string> findUIDUncached(AudioObjectID deviceID);
+}
+
 std::optional<std::string> AudioDevice::findUIDForAudioDeviceID(AudioObjectID deviceID) {
-    if (auto hidden = maybeUUIDForHiddenDevices(deviceID)) return hidden;
+    // The answer depends only on the device list, the hidden device's
+    // translation and the devices' UIDs; a backend that numbers its changes
+    // lets it be reused until the next change.
+    auto& cls = audioDeviceClass();
+    const auto generation = cls.hardware->deviceListGeneration();
+    if (generation) {
+        std::lock_guard lock(cls.uidCacheMutex);
+        if (cls.uidCacheGeneration == *generation) {
+            auto it = cls.uidCache.find(deviceID);
+            if (it != cls.uidCache.end()) return it->second;
+        }
+    }
+    auto uid = findUIDUncached(deviceID);
+    if (generation && uid) {
+        std::lock_guard lock(cls.uidCacheMutex);
+        if (cls.uidCacheGeneration != *generation) {
+            cls.uidCache.clear();
+            cls.uidCacheGeneration = *generation;
+        }
+        cls.uidCache[deviceID] = *uid;
+    }
+    return uid;
+}
+
+namespace {
+std::optional<std::string> findUIDUncached(AudioObjectID deviceID) {
+    if (auto hidden = AudioDevice::maybeUUIDForHiddenDevices(deviceID)) return hidden;
     auto& hw = *audioDeviceClass().hardware;
     const auto devicesAddress = detail::systemAddress(kAudioHardwarePropertyDevices);
     UInt32 size = 0;
@@ -439,6 +469,7 @@ std::optional<std::string> AudioDevice::findUIDForAudioDeviceID(AudioObjectID de
     if (const auto* text = uid.getIf<std::string>()) return *text;
     return std::nullopt;
 }
+}  // namespace
 
 std::shared_ptr<AudioDevice> AudioDevice::deviceForCoreAudioID(AudioObjectID deviceID) {
     auto& cls = audioDeviceClass();

@@ -29,6 +29,11 @@ struct AudioDeviceClassState {
     std::atomic<bool> useNewHALAudioDriver{true};
     std::atomic<bool> useNewHALAudioPreviewDriver{false};
     std::atomic<bool> disappearTheAudioCaptureDriverRegardless{false};
+    // Object ID to UID answers, valid while the backend's device-list
+    // generation stays the same (backends without one are never cached).
+    std::mutex uidCacheMutex;
+    std::uint64_t uidCacheGeneration = 0;
+    std::unordered_map<hal::AudioObjectID, std::string> uidCache;
 };
 
 struct PossiblyDeadTable {

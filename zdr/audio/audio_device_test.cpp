@@ -32,6 +32,17 @@ TEST_F(Registry, OneObjectPerDeviceWhicheverWayItIsAskedFor) {
     EXPECT_EQ(AudioDevice::deviceForCoreAudioUID(std::string("nope")), nullptr);
 }
 
+TEST_F(Registry, LookupsByIDFollowTheHalAtOnce) {
+    const AudioObjectID id = idOf(kHDMI);
+    ASSERT_NE(AudioDevice::deviceForCoreAudioID(id), nullptr);
+    const auto calls = hw_->callCount();
+    ASSERT_NE(AudioDevice::deviceForCoreAudioID(id), nullptr);
+    EXPECT_EQ(hw_->callCount(), calls);  // nothing changed: answered without the HAL
+    hw_->unplugDevice(kHDMI);            // before any listener has run
+    EXPECT_EQ(AudioDevice::findUIDForAudioDeviceID(id), std::nullopt);
+    EXPECT_EQ(AudioDevice::deviceForCoreAudioID(id), nullptr);
+}
+
 TEST_F(Registry, ConcurrentFirstRequestsGetTheSameObject) {
     std::vector<std::shared_ptr<AudioDevice>> got(8);
     std::vector<std::thread> threads;

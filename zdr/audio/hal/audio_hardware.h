@@ -99,6 +99,12 @@ class AudioHardware {
     /// running answers kAudioHardwareNotRunningError.
     virtual OSStatus deviceGetCurrentTime(AudioObjectID device, AudioTimeStamp& ioTime) = 0;
 
+    /// A number that changes whenever the device list, UID translation or a
+    /// device's UID may answer differently (a device plugged, unplugged, hidden
+    /// or shown, the server restarted...), so that callers can cache those
+    /// answers. None (the default) means the backend cannot tell: do not cache.
+    virtual std::optional<std::uint64_t> deviceListGeneration() const { return std::nullopt; }
+
     // ---- Convenience built on the calls above ----
 
     /// kAudioHardwarePropertyTranslateUIDToDevice; kAudioObjectUnknown when unknown.

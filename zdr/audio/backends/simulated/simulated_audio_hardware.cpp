@@ -192,6 +192,7 @@ AudioObjectID SimulatedAudioHardware::idForUIDLocked(const std::string& uid) con
 
 AudioObjectID SimulatedAudioHardware::plug(const SimulatedDeviceSpec& spec,
                                            std::vector<Pending>& pending) {
+    generation_.fetch_add(1, std::memory_order_acq_rel);
     if (spec.uid.empty() || idForUIDLocked(spec.uid) != kAudioObjectUnknown) {
         return kAudioObjectUnknown;
     }
@@ -299,6 +300,7 @@ AudioObjectID SimulatedAudioHardware::plug(const SimulatedDeviceSpec& spec,
 }
 
 void SimulatedAudioHardware::unplugLocked(AudioObjectID id, std::vector<Pending>& pending) {
+    generation_.fetch_add(1, std::memory_order_acq_rel);
     Object* d = find(id);
     if (d == nullptr) return;
     // The device tells its own listeners that it died; the object then stays
@@ -684,6 +686,7 @@ AudioObjectID SimulatedAudioHardware::replugDevice(const std::string& uid) {
 }
 
 void SimulatedAudioHardware::stopServer() {
+    generation_.fetch_add(1, std::memory_order_acq_rel);
     std::lock_guard lock(mutex_);
     if (running_) restartUIDs_.clear();
     for (AudioObjectID id : deviceOrder_) restartUIDs_.push_back(objects_.at(id).uid);
@@ -691,6 +694,7 @@ void SimulatedAudioHardware::stopServer() {
 }
 
 void SimulatedAudioHardware::startServer() {
+    generation_.fetch_add(1, std::memory_order_acq_rel);
     std::vector<Pending> pending;
     {
         std::lock_guard lock(mutex_);
@@ -736,6 +740,7 @@ bool SimulatedAudioHardware::isServerRunning() const {
 bool SimulatedAudioHardware::changeProperties(
     const std::string& uid,
     const std::vector<std::pair<AudioObjectPropertyAddress, PropertyValue>>& changes) {
+    generation_.fetch_add(1, std::memory_order_acq_rel);
     std::vector<Pending> pending;
     {
         std::lock_guard lock(mutex_);
@@ -797,6 +802,7 @@ bool SimulatedAudioHardware::changeProperty(const std::string& uid,
 
 bool SimulatedAudioHardware::removeProperty(const std::string& uid,
                                             const AudioObjectPropertyAddress& address) {
+    generation_.fetch_add(1, std::memory_order_acq_rel);
     std::vector<Pending> pending;
     {
         std::lock_guard lock(mutex_);
@@ -876,6 +882,7 @@ bool SimulatedAudioHardware::setHidden(const std::string& uid, bool hidden) {
 void SimulatedAudioHardware::failNextCall(const std::string& uid,
                                           AudioObjectPropertySelector selector, OSStatus status,
                                           int count) {
+    generation_.fetch_add(1, std::memory_order_acq_rel);
     std::lock_guard lock(mutex_);
     if (count <= 0) return;
     failures_.push_back({uid, selector, status, count});

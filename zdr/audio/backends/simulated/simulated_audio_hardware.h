@@ -123,6 +123,9 @@ class SimulatedAudioHardware : public AudioHardware {
                                          const DispatchQueue& queue,
                                          const ListenerBlockRef& block) override;
     OSStatus deviceGetCurrentTime(AudioObjectID device, AudioTimeStamp& ioTime) override;
+    std::optional<std::uint64_t> deviceListGeneration() const override {
+        return generation_.load(std::memory_order_acquire);
+    }
 
     // ---- Scripting ----
 
@@ -261,6 +264,10 @@ class SimulatedAudioHardware : public AudioHardware {
     AudioObjectID nextID_ = 40;
     bool running_ = true;
     std::atomic<std::uint64_t> calls_{0};
+    // Bumped by every scripted change (plug, unplug, restart, property
+    // change, injected failure), which covers everything the device list and
+    // UID answers depend on.
+    std::atomic<std::uint64_t> generation_{0};
 };
 
 }  // namespace zdr::hal
