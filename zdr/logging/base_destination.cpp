@@ -5,6 +5,9 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <climits>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <utility>
 
@@ -15,74 +18,79 @@ namespace zdr {
 namespace detail {
 
 std::string_view lastPathComponent(std::string_view path) {
-    auto slash = path.find_last_of('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+    const void* slash = path.empty() ? nullptr : ::memrchr(path.data(), '/', path.size());
+    if (slash == nullptr) return path;
+    auto after = static_cast<std::size_t>(static_cast<const char*>(slash) - path.data()) + 1;
+    return path.substr(after);
 }
 
 namespace {
 
-void appendTwo(std::string& out, int value) {
-    out.push_back(static_cast<char>('0' + value / 10 % 10));
-    out.push_back(static_cast<char>('0' + value % 10));
+// What a line needs that changes at most once a second, per thread: the local
+// date down to the second (converting to local time is the dearest step of a
+// line) and whether this is the main thread (DispatchQueue::isMainThread()
+// asks the kernel for the process id until the host first drains the main
+// queue; its answer changes only when another thread starts draining it).
+struct SecondCache {
+    long long second = LLONG_MIN;
+    char date[32] = {};  // "yyyy-MM-dd HH:mm:ss." and room for "mmm"
+    std::size_t dateLength = 0;
+    bool isMain = false;
+};
+thread_local SecondCache tlsSecond;
+
+struct SplitTime {
+    long long seconds;
+    int millis;
+};
+
+SplitTime splitTime(std::chrono::system_clock::time_point date) {
+    long long ns =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
+    long long secs = ns / 1'000'000'000;
+    long long rest = ns % 1'000'000'000;
+    if (rest < 0) {  // dates before the epoch round towards the earlier second
+        rest += 1'000'000'000;
+        secs -= 1;
+    }
+    return {secs, static_cast<int>(rest / 1'000'000)};
 }
 
-}  // namespace
-
-void appendLocalDate(std::chrono::system_clock::time_point date, std::string& out) {
-    using namespace std::chrono;
-    auto since = date.time_since_epoch();
-    auto secs = duration_cast<seconds>(since);
-    auto millis = duration_cast<milliseconds>(since - secs).count();
-    if (millis < 0) {  // dates before the epoch round towards the earlier second
-        millis += 1000;
-        secs -= seconds(1);
-    }
-    // Converting to local time is by far the dearest step of a line, and the
-    // seconds part changes at most once a second: keep it per thread.
-    struct Cache {
-        long long second = -1;
-        char text[20] = {};
-    };
-    thread_local Cache cache;
-    if (cache.second != secs.count()) {
-        std::time_t t = static_cast<std::time_t>(secs.count());
+SecondCache& secondCache(long long seconds) {
+    SecondCache& cache = tlsSecond;
+    if (cache.second != seconds) {
+        std::time_t t = static_cast<std::time_t>(seconds);
         std::tm tm{};
         localtime_r(&t, &tm);
-        std::string s;
-        s.reserve(19);
-        auto year = std::to_string(tm.tm_year + 1900);
-        s.append(year);
-        s.push_back('-');
-        appendTwo(s, tm.tm_mon + 1);
-        s.push_back('-');
-        appendTwo(s, tm.tm_mday);
-        s.push_back(' ');
-        appendTwo(s, tm.tm_hour);
-        s.push_back(':');
-        appendTwo(s, tm.tm_min);
-        s.push_back(':');
-        appendTwo(s, tm.tm_sec);
-        if (s.size() >= sizeof(cache.text)) s.resize(sizeof(cache.text) - 1);
-        s.copy(cache.text, s.size());
-        cache.text[s.size()] = '\0';
-        cache.second = secs.count();
+        int n = std::snprintf(cache.date, sizeof cache.date, "%04d-%02d-%02d %02d:%02d:%02d.",
+                              tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min,
+                              tm.tm_sec);
+        cache.dateLength = n > 0 && static_cast<std::size_t>(n) + 3 < sizeof cache.date
+                               ? static_cast<std::size_t>(n)
+                               : 0;
+        cache.isMain = DispatchQueue::isMainThread();
+        cache.second = seconds;
     }
-    out.append(cache.text);
-    out.push_back('.');
-    out.push_back(static_cast<char>('0' + millis / 100));
-    appendTwo(out, static_cast<int>(millis % 100));
+    return cache;
 }
 
-std::string_view currentThreadName() {
-    if (DispatchQueue::isMainThread()) return "main";
-    thread_local std::string name;
-    if (auto label = DispatchQueue::currentLabel(); label && !label->empty()) {
-        name = std::move(*label);
-        return name;
+void appendDate(SecondCache& cache, int millis, std::string& out) {
+    cache.date[cache.dateLength] = static_cast<char>('0' + millis / 100);
+    cache.date[cache.dateLength + 1] = static_cast<char>('0' + millis / 10 % 10);
+    cache.date[cache.dateLength + 2] = static_cast<char>('0' + millis % 10);
+    out.append(cache.date, cache.dateLength + 3);
+}
+
+std::string_view threadName(bool isMain) {
+    if (isMain) return "main";
+    thread_local std::string label;
+    if (auto current = DispatchQueue::currentLabel(); current && !current->empty()) {
+        label = std::move(*current);
+        return label;
     }
     // The thread's own name is read once: asking the kernel on every line
     // would cost more than the rest of the line.
-    thread_local std::string threadName = [] {
+    thread_local std::string ownName = [] {
         char buffer[32] = {};
         if (pthread_getname_np(pthread_self(), buffer, sizeof buffer) == 0 && buffer[0] != '\0') {
             return std::string(buffer);
@@ -92,7 +100,19 @@ std::string_view currentThreadName() {
         int n = std::snprintf(hex, sizeof hex, "0x%lx", tid);
         return std::string(hex, n > 0 ? static_cast<std::size_t>(n) : 0);
     }();
-    return threadName;
+    return ownName;
+}
+
+}  // namespace
+
+void appendLocalDate(std::chrono::system_clock::time_point date, std::string& out) {
+    SplitTime t = splitTime(date);
+    appendDate(secondCache(t.seconds), t.millis, out);
+}
+
+std::string_view currentThreadName() {
+    SplitTime t = splitTime(std::chrono::system_clock::now());
+    return threadName(secondCache(t.seconds).isMain);
 }
 
 }  // namespace detail
@@ -112,48 +132,51 @@ void BaseDestination::setOwnerIdentifier(std::string identifier) {
 }
 
 void BaseDestination::formatLine(const LogDetails& details, std::string& out) const {
-    if (showDate()) {
-        detail::appendLocalDate(details.date, out);
+    const unsigned flags = flags_.load(std::memory_order_relaxed);
+    const detail::SplitTime time = detail::splitTime(details.date);
+    detail::SecondCache& cache = detail::secondCache(time.seconds);
+    if ((flags & kDate) != 0) {
+        detail::appendDate(cache, time.millis, out);
         out.push_back(' ');
     }
-    if (showLevel()) {
+    if ((flags & kLevel) != 0) {
         out.push_back('[');
         out.append(logLevelDescription(details.level));
-        out.append("] ");
+        out.append("] ", 2);
     }
-    if (showLogIdentifier()) {
+    if ((flags & kLogIdentifier) != 0) {
         out.push_back('[');
         out.append(ownerIdentifier());
-        out.append("] ");
+        out.append("] ", 2);
     }
-    if (showThreadName()) {
+    if ((flags & kThreadName) != 0) {
         out.push_back('[');
-        out.append(detail::currentThreadName());
-        out.append("] ");
+        out.append(detail::threadName(cache.isMain));
+        out.append("] ", 2);
     }
-    bool showLine = showLineNumber();
+    const bool showLine = (flags & kLineNumber) != 0;
     char number[24];
     auto [end, ec] = std::to_chars(number, number + sizeof number, details.lineNumber);
     std::string_view lineText(number,
                               ec == std::errc() ? static_cast<std::size_t>(end - number) : 0);
-    if (showFileName()) {
+    if ((flags & kFileName) != 0) {
         out.push_back('[');
         out.append(detail::lastPathComponent(details.fileName));
         if (showLine) {
             out.push_back(':');
             out.append(lineText);
         }
-        out.append("] ");
+        out.append("] ", 2);
     } else if (showLine) {
         out.push_back('[');
         out.append(lineText);
-        out.append("] ");
+        out.append("] ", 2);
     }
-    if (showFunctionName()) {
+    if ((flags & kFunctionName) != 0) {
         out.append(details.functionName);
         out.push_back(' ');
     }
-    out.append("> ");
+    out.append("> ", 2);
     out.append(details.message);
 }
 

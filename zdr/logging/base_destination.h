@@ -55,21 +55,22 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
                static_cast<std::uint8_t>(level) >= outputLevel_.load(std::memory_order_relaxed);
     }
 
-    // Show options. Subclasses may pin one by overriding its getter and setter.
-    virtual bool showLogIdentifier() const { return flag(kLogIdentifier); }
-    virtual void setShowLogIdentifier(bool on) { setFlag(kLogIdentifier, on); }
-    virtual bool showFunctionName() const { return flag(kFunctionName); }
-    virtual void setShowFunctionName(bool on) { setFlag(kFunctionName, on); }
-    virtual bool showThreadName() const { return flag(kThreadName); }
-    virtual void setShowThreadName(bool on) { setFlag(kThreadName, on); }
-    virtual bool showLevel() const { return flag(kLevel); }
-    virtual void setShowLevel(bool on) { setFlag(kLevel, on); }
-    virtual bool showFileName() const { return flag(kFileName); }
-    virtual void setShowFileName(bool on) { setFlag(kFileName, on); }
-    virtual bool showLineNumber() const { return flag(kLineNumber); }
-    virtual void setShowLineNumber(bool on) { setFlag(kLineNumber, on); }
-    virtual bool showDate() const { return flag(kDate); }
-    virtual void setShowDate(bool on) { setFlag(kDate, on); }
+    // Show options. A subclass may pin an option to a fixed value (see
+    // pinOption); setting a pinned option then has no effect.
+    bool showLogIdentifier() const { return flag(kLogIdentifier); }
+    void setShowLogIdentifier(bool on) { setFlag(kLogIdentifier, on); }
+    bool showFunctionName() const { return flag(kFunctionName); }
+    void setShowFunctionName(bool on) { setFlag(kFunctionName, on); }
+    bool showThreadName() const { return flag(kThreadName); }
+    void setShowThreadName(bool on) { setFlag(kThreadName, on); }
+    bool showLevel() const { return flag(kLevel); }
+    void setShowLevel(bool on) { setFlag(kLevel, on); }
+    bool showFileName() const { return flag(kFileName); }
+    void setShowFileName(bool on) { setFlag(kFileName, on); }
+    bool showLineNumber() const { return flag(kLineNumber); }
+    void setShowLineNumber(bool on) { setFlag(kLineNumber, on); }
+    bool showDate() const { return flag(kDate); }
+    void setShowDate(bool on) { setFlag(kDate, on); }
 
     /// Formats the line for `logDetails` and calls output(). The logger calls
     /// this only for messages that passed isEnabledFor().
@@ -81,8 +82,8 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
     /// Appends the line that process() would format for `logDetails` to `out`.
     void formatLine(const LogDetails& logDetails, std::string& out) const;
 
- private:
-    enum : unsigned {
+ protected:
+    enum Option : unsigned {
         kLogIdentifier = 1u << 0,
         kFunctionName = 1u << 1,
         kThreadName = 1u << 2,
@@ -91,8 +92,18 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
         kLineNumber = 1u << 5,
         kDate = 1u << 6,
     };
+    /// Fixes `option` at `value` for good (call it from the constructor).
+    void pinOption(Option option, bool value) {
+        pinned_ |= option;
+        setFlagUnpinned(option, value);
+    }
+
+ private:
     bool flag(unsigned bit) const { return (flags_.load(std::memory_order_relaxed) & bit) != 0; }
     void setFlag(unsigned bit, bool on) {
+        if ((pinned_ & bit) == 0) setFlagUnpinned(bit, on);
+    }
+    void setFlagUnpinned(unsigned bit, bool on) {
         if (on) {
             flags_.fetch_or(bit, std::memory_order_relaxed);
         } else {
@@ -103,6 +114,7 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
     const std::string identifier_;
     std::atomic<std::uint8_t> outputLevel_{static_cast<std::uint8_t>(LogLevel::debug)};
     std::atomic<unsigned> flags_{kFunctionName | kLevel | kFileName | kLineNumber | kDate};
+    unsigned pinned_ = 0;  // written only while constructing
     mutable std::mutex ownerMutex_;
     std::string ownerIdentifier_;
 };

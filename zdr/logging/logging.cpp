@@ -238,6 +238,54 @@ std::shared_ptr<XCGLogger> Logging::loggerWithID(const std::string& id, bool) {
     return logger;
 }
 
+// ---- Throttled channels ----
+
+namespace {
+struct Channels {
+    std::mutex mutex;  // so that any thread may send, not only the main one
+    std::map<std::string, std::shared_ptr<PassthroughSubject<LogLine>>> publishers;
+};
+Channels& channels() {
+    static auto* c = new Channels();
+    return *c;
+}
+}  // namespace
+
+std::shared_ptr<PassthroughSubject<LogLine>> Logging::publisher(const std::string& name) {
+    auto& c = channels();
+    std::lock_guard lock(c.mutex);
+    auto& subject = c.publishers[name];
+    if (!subject) subject = PassthroughSubject<LogLine>::make();
+    return subject;
+}
+
+void Logging::sendLog(const std::string& name, const std::string& message, const char* function,
+                      const char* file, long line) {
+    publisher(name)->send(LogLine{name + ":" + message, function != nullptr ? function : "",
+                                  file != nullptr ? file : "", line});
+}
+
+AnyCancellable Logging::receiveThrottled(const std::string& name, double time,
+                                         std::function<void(const LogLine&)> receiver) {
+    return publisher(name)
+        ->throttle(time, DispatchQueue::main(), /*latest=*/true)
+        ->sink(std::move(receiver));
+}
+
+void Logging::receiveThrottledFrom(const std::string& name, double,
+                                   std::shared_ptr<XCGLogger> logger, LogLevel atLevel) {
+    if (!logger) return;
+    // One second whatever the caller asked: the existing callers pass
+    // intervals meant for other uses, and one line a second reads well.
+    auto cancellable = receiveThrottled(name, 1.0, [logger, atLevel](const LogLine& line) {
+        logger->logln(atLevel, line.function, line.file, line.line, Dictionary{},
+                      [&line]() -> const std::string& { return line.message; });
+    });
+    auto facade = shared();
+    std::lock_guard lock(facade->subscriptionsMutex_);
+    facade->subscriptions_.insert(std::move(cancellable));
+}
+
 // ---- Instance operations ----
 
 Logging::Logging() = default;

@@ -32,6 +32,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
+#include <source_location>
 #include <string>
 #include <string_view>
 
@@ -39,6 +41,7 @@
 #include "zdr/logging/filter_protocol.h"
 #include "zdr/logging/log_level.h"
 #include "zdr/logging/xcg_logger.h"
+#include "zdr/runtime/publisher.h"
 #include "zdr/timing/dispatch_lock.h"
 
 namespace zdr {
@@ -102,6 +105,29 @@ class Logging : public std::enable_shared_from_this<Logging> {
     static std::shared_ptr<XCGLogger> loggerWithID(const std::string& id,
                                                    bool includeDefaultDestinations = false);
 
+    // ---- Throttled channels ----
+    //
+    // Named channels for lines that may come in bursts (a meter, a position):
+    // senders send every line; a receiver gets at most one per interval, the
+    // newest, on the main queue (so the host must drain the main queue).
+
+    /// The channel `name`, made on first use.
+    static std::shared_ptr<PassthroughSubject<LogLine>> publisher(const std::string& name);
+    /// Sends "<name>:<message>" on the channel `name`, with the caller's place.
+    static void sendLog(const std::string& name, const std::string& message,
+                        const char* function = std::source_location::current().function_name(),
+                        const char* file = std::source_location::current().file_name(),
+                        long line = std::source_location::current().line());
+    /// Subscribes `receiver` to the channel, throttled to the newest line per
+    /// `time` seconds, delivered on the main queue. Keep the result.
+    [[nodiscard]] static AnyCancellable receiveThrottled(
+        const std::string& name, double time, std::function<void(const LogLine&)> receiver);
+    /// Writes the channel's lines to `logger` at `atLevel`, at most one per
+    /// second: `time` is accepted and deliberately ignored. The subscription
+    /// lives as long as the facade.
+    static void receiveThrottledFrom(const std::string& name, double time,
+                                     std::shared_ptr<XCGLogger> logger, LogLevel atLevel);
+
     // ---- Instance operations (call them on shared()) ----
 
     Logging();
@@ -156,6 +182,8 @@ class Logging : public std::enable_shared_from_this<Logging> {
 
     DispatchLock stateLock_{"Logging"};
     std::map<std::string, bool> loggingEnabled_;  // only inside stateLock_
+    std::mutex subscriptionsMutex_;
+    std::set<AnyCancellable> subscriptions_;  // kept for the facade's life
     mutable std::mutex levelsMutex_;
     std::map<std::string, LogLevel> configuredLevels_;
 };

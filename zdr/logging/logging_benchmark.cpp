@@ -16,7 +16,7 @@ namespace {
 using zdr::LogLevel;
 
 class NullDestination : public zdr::BaseQueuedDestination {
-public:
+ public:
     using BaseQueuedDestination::BaseQueuedDestination;
     void write(std::string_view message) override { benchmark::DoNotOptimize(message.data()); }
 };
@@ -37,8 +37,8 @@ std::shared_ptr<zdr::XCGLogger> categoryLogger(const std::string& id, LogLevel l
 }
 
 std::shared_ptr<spdlog::logger> spdlogLogger(spdlog::level::level_enum level) {
-    auto logger = std::make_shared<spdlog::logger>(
-        "bench", std::make_shared<spdlog::sinks::null_sink_mt>());
+    auto logger =
+        std::make_shared<spdlog::logger>("bench", std::make_shared<spdlog::sinks::null_sink_mt>());
     logger->set_level(level);
     return logger;
 }

@@ -1,11 +1,14 @@
 #include "zdr/logging/nslog_destination.h"
 
 #include "zdr/logging/internal_log.h"
+#include "zdr/logging/printf_format.h"
 
 namespace zdr {
 
 NSLogDestination::NSLogDestination(std::string identifier)
-    : BaseQueuedDestination(std::move(identifier)) {}
+    : BaseQueuedDestination(std::move(identifier)) {
+    pinOption(kDate, false);  // the NSLog-style prefix carries its own date
+}
 
 void NSLogDestination::write(std::string_view message) {
     // NSLog takes the line as its format string. Only "%%" can be honoured
@@ -17,10 +20,7 @@ void NSLogDestination::write(std::string_view message) {
     }
     std::string text;
     text.reserve(message.size());
-    for (std::size_t i = 0; i < message.size(); ++i) {
-        text.push_back(message[i]);
-        if (message[i] == '%' && i + 1 < message.size() && message[i + 1] == '%') ++i;
-    }
+    detail::appendPrintfWithoutArguments(text, std::string(message).c_str());
     detail::nsLog(text);
 }
 

@@ -29,6 +29,7 @@ bool isWithinXCode() {
 
 OSLogDestination::OSLogDestination(std::string identifier)
     : BaseQueuedDestination(std::move(identifier)) {
+    pinOption(kDate, true);  // a journal line keeps the library's own date
     subsystem_ = currentSubsystem();
     fromWithinXCode_ = isWithinXCode();
 }

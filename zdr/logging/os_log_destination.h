@@ -1,7 +1,8 @@
 // OSLogDestination: writes each line of a category logger to the systemd
 // journal, with one subsystem per application and one category per logger.
 //
-// Each entry carries MESSAGE (the formatted line, always with its date),
+// Each entry carries MESSAGE (the formatted line, always with its date: the
+// show-date option is pinned on and setting it has no effect),
 // PRIORITY by level (verbose and debug 7, info 6, warning and error 3, all
 // others 5), SYSLOG_IDENTIFIER and ZDR_SUBSYSTEM (the main bundle's identifier,
 // else "com.tallpinecraft"), ZDR_CATEGORY (the destination's identifier) and
@@ -31,10 +32,6 @@ class OSLogDestination : public BaseQueuedDestination {
     explicit OSLogDestination(std::string identifier);
     /// Says "Deinit OSLogDestination for <identifier>" on standard output.
     ~OSLogDestination() override;
-
-    /// Always true: a journal line keeps the library's own date.
-    bool showDate() const override { return true; }
-    void setShowDate(bool) override {}
 
     void output(const LogDetails& logDetails, std::string_view message) override;
     /// Writes `message` at the level of the last line that went through

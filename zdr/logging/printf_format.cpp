@@ -271,6 +271,14 @@ void appendPrintf(std::string& out, const char* format, va_list args) {
     va_end(ap);
 }
 
+void appendPrintfWithoutArguments(std::string& out, const char* format) {
+    if (format == nullptr) return;
+    for (const char* p = format; *p != '\0'; ++p) {
+        out.push_back(*p);
+        if (*p == '%' && p[1] == '%') ++p;
+    }
+}
+
 std::string stringWithFormat(const char* format, ...) {
     std::string out;
     va_list args;

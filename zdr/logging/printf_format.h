@@ -20,6 +20,10 @@ namespace zdr::detail {
 /// the function works on its own copy). A null format appends nothing.
 void appendPrintf(std::string& out, const char* format, va_list args);
 
+/// Reads `format` as a format that was given no arguments: "%%" becomes "%";
+/// every other directive is copied as text (there is nothing to fill it).
+void appendPrintfWithoutArguments(std::string& out, const char* format);
+
 /// appendPrintf into a new string.
 std::string stringWithFormat(const char* format, ...);
 

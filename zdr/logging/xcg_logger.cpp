@@ -131,7 +131,11 @@ void XCGLogger::logFormat(Level level, const std::source_location& location,
     logBuilt(level, location.function_name(), location.file_name(), location.line(), nullptr,
              &context, [](void* c, std::string& out) {
                  auto* ctx = static_cast<Context*>(c);
-                 fmt::vformat_to(std::back_inserter(out), ctx->format, ctx->args);
+                 // fmt's own buffer grows without zero-filling, unlike a
+                 // string; one copy at the end is cheaper.
+                 fmt::memory_buffer buffer;
+                 fmt::vformat_to(fmt::appender(buffer), ctx->format, ctx->args);
+                 out.append(buffer.data(), buffer.size());
              });
 }
 

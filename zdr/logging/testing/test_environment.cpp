@@ -1,5 +1,7 @@
 #include "zdr/logging/testing/test_environment.h"
 
+#include <cstdlib>
+
 #include "zdr/logging/os_log_destination.h"
 
 namespace zdr::testing {
@@ -17,7 +19,10 @@ namespace {
 // Installs the stand-in before the first test runs, so that every category
 // logger of the program is made with a journal destination.
 struct Install : ::testing::Environment {
-    void SetUp() override { (void)journal(); }
+    void SetUp() override {
+        (void)journal();
+        ::setenv("ZDR_LOG", "env.category=warning", 1);
+    }
 };
 [[maybe_unused]] auto* const gInstall = ::testing::AddGlobalTestEnvironment(new Install);
 }  // namespace
