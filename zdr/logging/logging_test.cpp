@@ -4,6 +4,7 @@
 
 #include <ctime>
 #include <stdexcept>
+#include <thread>
 
 #include "zdr/logging/logging_bridge.h"
 #include "zdr/logging/nslog_destination.h"
@@ -123,6 +124,23 @@ TEST(LoggingFacade, MasterSwitchOverridesTheTableAndRestoresIt) {
     Logging::setEnabled(true);
     EXPECT_TRUE(facade.isLoggingEnabled("cat.master"));
     EXPECT_FALSE(facade.isLoggingEnabled("cat.never.mentioned"));
+}
+
+TEST(LoggingFacade, ReplacingTheFacadeSwitchesToItsTable) {
+    auto logger = switchedOn("cat.replaced");
+    auto original = Logging::shared();
+    auto fresh = std::make_shared<Logging>();
+    Logging::setShared(fresh);
+    EXPECT_EQ(Logging::shared(), fresh);
+    EXPECT_FALSE(logger->shouldLog(LogLevel::error));  // the new table has no entry
+    fresh->loggingEnabled("cat.replaced", true);
+    settle();
+    EXPECT_TRUE(logger->shouldLog(LogLevel::error));
+    original->loggingEnabled("cat.replaced", false);  // not current: no effect on filters
+    (void)original->isLoggingEnabled("cat.replaced");
+    EXPECT_TRUE(logger->shouldLog(LogLevel::error));
+    Logging::setShared(original);
+    EXPECT_FALSE(logger->shouldLog(LogLevel::error));
 }
 
 TEST(LoggingFacade, LoggerWithIDGivesOneLoggerWithOneDestinationAndOneFilter) {
@@ -262,6 +280,58 @@ TEST(LogLevels, IntegerTable) {
     EXPECT_EQ(logLevelFromInteger(4), LogLevel::verbose);
     EXPECT_EQ(logLevelFromInteger(5), LogLevel::debug);
     for (long other : {0L, -1L, 6L, 1000L}) EXPECT_EQ(logLevelFromInteger(other), LogLevel::none);
+}
+
+}  // namespace
+}  // namespace zdr
+
+namespace zdr {
+namespace {
+
+// Runs main-queue work until `done` or `limit` has passed.
+template <class F>
+bool pumpMainQueueUntil(F done, std::chrono::milliseconds limit) {
+    auto end = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        DispatchQueue::main().drain();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+TEST(ThrottledChannels, SendLogPrefixesTheChannelName) {
+    std::vector<LogLine> received;
+    auto cancellable = Logging::receiveThrottled(
+        "x", 0.01, [&](const LogLine& line) { received.push_back(line); });
+    Logging::sendLog("x", "hello");
+    const long line = __LINE__ - 1;
+    ASSERT_TRUE(pumpMainQueueUntil([&] { return !received.empty(); }, std::chrono::seconds(5)));
+    EXPECT_EQ(received[0].message, "x:hello");
+    EXPECT_EQ(received[0].line, line);
+    EXPECT_NE(std::string(received[0].file).find("logging_test.cpp"), std::string::npos);
+    EXPECT_EQ(Logging::publisher("x"), Logging::publisher("x"));
+}
+
+TEST(ThrottledChannels, ReceiveThrottledFromWritesAtMostOneLineASecond) {
+    auto logger = XCGLogger::make("throttled.target", false);
+    auto capture = std::make_shared<testing::CaptureDestination>("capture");
+    logger->add(capture);
+    auto start = std::chrono::steady_clock::now();
+    Logging::receiveThrottledFrom("meter", 10.0, logger, LogLevel::info);
+    for (int i = 0; i < 5; ++i) Logging::sendLog("meter", "level " + std::to_string(i));
+    // The first line goes out at once, the newest of the rest when the
+    // one-second window ends (not after the ten seconds asked for).
+    ASSERT_TRUE(
+        pumpMainQueueUntil([&] { return capture->lines().size() >= 2; }, std::chrono::seconds(5)));
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    auto lines = capture->lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].message, "meter:level 0");
+    EXPECT_EQ(lines[1].message, "meter:level 4");
+    EXPECT_EQ(lines[1].level, LogLevel::info);
+    EXPECT_GE(elapsed, std::chrono::milliseconds(900));
+    EXPECT_LT(elapsed, std::chrono::seconds(5));
 }
 
 }  // namespace
