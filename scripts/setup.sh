@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     build-essential g++ cmake ninja-build pkg-config git
     libgtest-dev libgmock-dev libbenchmark-dev
-    nlohmann-json3-dev libpulse-dev libsystemd-dev libcurl4-openssl-dev libspdlog-dev
+    nlohmann-json3-dev libpulse-dev libsystemd-dev libcurl4-openssl-dev libspdlog-dev libfmt-dev
     systemtap-sdt-dev
     pulseaudio pulseaudio-utils
     python3 libglib2.0-dev
