@@ -2,7 +2,7 @@
 #include "zdr/audio/audio_device.h"
 
 #include <algorithm>
-#include <regex>
+#include <cctype>
 #include <unordered_map>
 
 #include "zdr/audio/audio_device_internal.h"
@@ -601,16 +601,18 @@ std::shared_ptr<AudioDevice> AudioDevice::designatedApplicationAudioCapturePrevi
 }
 
 std::shared_ptr<AudioDevice> AudioDevice::firstNonAirplayAppleOutputDevice() {
-    std::optional<std::regex> pattern;
-    try {
-        pattern.emplace("(apple|builtinspeakerdevice)", std::regex::icase);
-    } catch (const std::regex_error& e) {
-        ZDR_AUDIO_LOG(app, error, "Reg ex didn't compile cannot match apple devices: {}", e.what());
-        return nullptr;
-    }
+    // The pattern "(apple|builtinspeakerdevice)", case-insensitive, is fixed,
+    // so it is matched directly: nothing can fail to compile, and no regex
+    // engine runs for each device.
+    auto matches = [](std::string uid) {
+        std::transform(uid.begin(), uid.end(), uid.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        return uid.find("apple") != std::string::npos ||
+               uid.find("builtinspeakerdevice") != std::string::npos;
+    };
     for (const auto& device : outputDevices()) {
         if (device->isAirPlay()) continue;
-        if (std::regex_search(device->deviceUID(), *pattern)) return device;
+        if (matches(device->deviceUID())) return device;
     }
     return nullptr;
 }
