@@ -1,5 +1,6 @@
 #include "zdr/runtime/dispatch_queue.h"
 
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -53,12 +54,43 @@ struct QueueScope {
     ~QueueScope() { tlsQueues.pop(); }
 };
 
-pid_t currentTid() {
-    thread_local pid_t tid = static_cast<pid_t>(::syscall(SYS_gettid));
-    return tid;
+std::atomic<pid_t> gMainTid{0};
+
+// The process id and each thread's id, cached because getpid() and gettid()
+// are system calls and isMainThread() is asked on hot paths (every log line).
+// A forked child refreshes both: its one thread has new ids.
+std::atomic<pid_t> gPid{0};
+thread_local pid_t tlsTid = 0;
+
+void ensureForkHandler() {
+    static const bool registered = [] {
+        ::pthread_atfork(nullptr, nullptr, [] {
+            gPid.store(::getpid(), std::memory_order_relaxed);
+            gMainTid.store(0, std::memory_order_relaxed);
+            tlsTid = static_cast<pid_t>(::syscall(SYS_gettid));
+        });
+        return true;
+    }();
+    (void)registered;
 }
 
-std::atomic<pid_t> gMainTid{0};
+pid_t currentTid() {
+    if (tlsTid == 0) {
+        ensureForkHandler();
+        tlsTid = static_cast<pid_t>(::syscall(SYS_gettid));
+    }
+    return tlsTid;
+}
+
+pid_t processId() {
+    pid_t pid = gPid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        ensureForkHandler();
+        pid = ::getpid();
+        gPid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
 
 void runGuarded(const std::function<void()>& fn, const std::string& label) {
     try {
@@ -540,7 +572,7 @@ int DispatchQueue::pollFd() const { return isMain() ? impl_->mainPollFd() : -1; 
 
 bool DispatchQueue::isMainThread() {
     pid_t main = detail::gMainTid.load(std::memory_order_relaxed);
-    if (main == 0) return detail::currentTid() == ::getpid();
+    if (main == 0) return detail::currentTid() == detail::processId();
     return detail::currentTid() == main;
 }
 

@@ -390,3 +390,24 @@ TEST(DispatchQueueConcurrent, AsyncWriteThenReadFromTheSameThreadSeesEveryWrite)
 
 }  // namespace
 }  // namespace zdr
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace zdr {
+namespace {
+
+TEST(MainQueue, AForkedChildsOwnThreadIsItsMainThread) {
+    // Ask once first so the ids are cached, then fork from this thread.
+    DispatchQueue::isMainThread();
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) _exit(DispatchQueue::isMainThread() ? 0 : 1);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace
+}  // namespace zdr
