@@ -7,6 +7,7 @@
 
 #include "zdr/audio/audio_device_internal.h"
 #include "zdr/audio/audio_log.h"
+#include "zdr/audio/default_system_output_audio_device.h"
 #include "zdr/audio/hal/ca_hal_audio_system_object.h"
 #include "zdr/runtime/notification_center.h"
 #include "zdr/timing/dispatch_lock.h"
@@ -268,16 +269,14 @@ bool AudioDevice::isEqual(const std::shared_ptr<const AudioDevice>& other) const
     return deviceUID() == other->deviceUID();
 }
 
-// The channel lists do not exist yet, so the memento holds no channel entries;
-// its key scheme ("rec-<index>", "play-<index>") is kept for when they do.
 Dictionary AudioDevice::momentoDictionary() const {
     std::lock_guard lock(selfLock_);
-    return {};
+    return channels_.momentoDictionary(channelOwner());
 }
 
 void AudioDevice::setMomentoDictionary(const Dictionary& momento) {
     std::lock_guard lock(selfLock_);
-    (void)momento;
+    channels_.setMomentoDictionary(channelOwner(), momento);
 }
 
 // ---------------------------------------------------------------------------
@@ -554,8 +553,8 @@ std::shared_ptr<AudioDevice> AudioDevice::proxiedDefaultSystemOutput() {
     std::lock_guard lock(cls.registryLock);
     if (auto it = cls.registry.find(kProxyUID); it != cls.registry.end()) return it->second;
     auto& factory = detail::proxyFactory();
-    if (!factory) return nullptr;
-    auto proxy = factory();
+    std::shared_ptr<AudioDevice> proxy =
+        factory ? factory() : DefaultSystemOutputAudioDevice::initWithName("Default Output");
     if (proxy) cls.registry[kProxyUID] = proxy;
     return proxy;
 }

@@ -39,7 +39,9 @@
 #include <string>
 #include <vector>
 
+#include "zdr/audio/audio_channel.h"
 #include "zdr/audio/audio_property_listener_token.h"
+#include "zdr/audio/device_channels.h"
 #include "zdr/audio/hal/ca_hal_audio_device.h"
 #include "zdr/runtime/dictionary.h"
 #include "zdr/runtime/dispatch_queue.h"
@@ -77,7 +79,9 @@ class AudioDeviceDelegate {
                                          const Dictionary& info) = 0;
 };
 
-class AudioDevice : public ObservableObject, public std::enable_shared_from_this<AudioDevice> {
+class AudioDevice : public ObservableObject,
+                    public AudioChannelOwner,
+                    public std::enable_shared_from_this<AudioDevice> {
  public:
     // ======== Registry and identity ========
 
@@ -106,8 +110,9 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     static std::shared_ptr<AudioDevice> systemOutputDevice();
     static std::shared_ptr<AudioDevice> defaultOutputDevice();
     static std::shared_ptr<AudioDevice> defaultInputDevice();
-    /// The registered default-output proxy, made on first use by the factory
-    /// installed with setProxiedDefaultSystemOutputFactory(); null without one.
+    /// The registered default-output proxy (a DefaultSystemOutputAudioDevice
+    /// named "Default Output", or what the factory installed with
+    /// setProxiedDefaultSystemOutputFactory() makes), made on first use.
     static std::shared_ptr<AudioDevice> proxiedDefaultSystemOutput();
     static void setProxiedDefaultSystemOutputFactory(
         std::function<std::shared_ptr<AudioDevice>()> factory);
@@ -136,10 +141,10 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     /// (Re)reads name, UID and capabilities from the HAL and reinstalls the
     /// device's listener. False when there is no wrapper or a read failed.
     bool setupUsingCoreAudioDevice();
-    hal::CAHALAudioDevice* coreAudioDevice() const { return coreAudioDevice_.get(); }
+    virtual hal::CAHALAudioDevice* coreAudioDevice() const { return coreAudioDevice_.get(); }
 
     /// The current HAL object ID (0 while _test_MakeIDGoZero is set).
-    hal::AudioObjectID deviceID() const;
+    virtual hal::AudioObjectID deviceID() const;
     void setDeviceID(hal::AudioObjectID deviceID);
     std::string deviceUID() const;
     void setDeviceUID(const std::string& uid);
@@ -148,14 +153,14 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     /// The registry key: the device UID.
     std::string singletonKey() const { return deviceUID(); }
 
-    bool hasMasterOutputVolume() const { return hasMasterOutputVolume_.load(); }
-    bool hasMasterInputVolume() const { return hasMasterInputVolume_.load(); }
+    virtual bool hasMasterOutputVolume() const { return hasMasterOutputVolume_.load(); }
+    virtual bool hasMasterInputVolume() const { return hasMasterInputVolume_.load(); }
     bool hasMasterOutputMute() const { return hasMasterOutputMute_.load(); }
-    bool mono() const { return mono_.load(); }
+    virtual bool mono() const { return mono_.load(); }
     void setMono(bool mono) { mono_.store(mono); }
     bool listenerInstalled() const { return listenerInstalled_.load(); }
 
-    bool isAlive() const;
+    virtual bool isAlive() const;
     bool isMarkedAsDead() const;
     /// Marks the device dead (once) and posts kAudioDriverDeviceGoneDead (each
     /// time) when it is not alive; answers whether it was not alive.
@@ -176,8 +181,8 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     std::string deviceOutputDescription() const;
 
     /// Per-channel settings keyed "rec-<index>" / "play-<index>".
-    Dictionary momentoDictionary() const;
-    void setMomentoDictionary(const Dictionary& momento);
+    virtual Dictionary momentoDictionary() const;
+    virtual void setMomentoDictionary(const Dictionary& momento);
 
     bool _test_MakeNotAlive() const { return testMakeNotAlive_.load(); }
     void set_test_MakeNotAlive(bool on) { testMakeNotAlive_.store(on); }
@@ -190,11 +195,11 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     hal::UInt32 transportType() const;  // 0 on failure
     bool isAirPlay() const;
     bool isRunning() const;
-    hal::Float64 nominalSampleRate() const;
+    virtual hal::Float64 nominalSampleRate() const;
     bool setNominalSampleRate(hal::Float64 rate, Error* error);
-    hal::UInt32 bufferSizeInFrames() const;
-    hal::UInt32 deviceMaxVariableBufferSizeInFrames() const;
-    hal::UInt32 safetyOffset() const;
+    virtual hal::UInt32 bufferSizeInFrames() const;
+    virtual hal::UInt32 deviceMaxVariableBufferSizeInFrames() const;
+    virtual hal::UInt32 safetyOffset() const;
     bool doesDeviceHaveStreams(bool isInput) const;
     hal::UInt32 numberOfChannels(bool isInput) const;
     hal::UInt32 numberOfChannelsForStream(bool isInput, hal::UInt32 stream) const;
@@ -207,10 +212,10 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
                                      hal::AudioStreamBasicDescription* asbd) const;
     std::optional<std::string> nameOfDataSource(bool isInput) const;
     void setDatasourceByName(const std::string& name, bool isInput);
-    std::optional<std::string> currentRecordingDatasource() const { return nameOfDataSource(true); }
-    void setCurrentRecordingDatasource(const std::string& name) { setDatasourceByName(name, true); }
-    std::optional<std::string> currentPlaybackDatasource() const { return nameOfDataSource(false); }
-    void setCurrentPlaybackDatasource(const std::string& name) { setDatasourceByName(name, false); }
+    virtual std::optional<std::string> currentRecordingDatasource() const { return nameOfDataSource(true); }
+    virtual void setCurrentRecordingDatasource(const std::string& name) { setDatasourceByName(name, true); }
+    virtual std::optional<std::string> currentPlaybackDatasource() const { return nameOfDataSource(false); }
+    virtual void setCurrentPlaybackDatasource(const std::string& name) { setDatasourceByName(name, false); }
     /// Fills the time stamp from the device clock. Throws Exception "Audio"
     /// without a time stamp. With no error pointer the answer is always true.
     bool currentTime(hal::AudioTimeStamp* time, Error* error) const;
@@ -226,8 +231,8 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     static hal::UInt32 sizeOfAudioChannelLayout(hal::UInt32 channels) { return 32 + 20 * channels; }
 
     /// Channel counts, cached under "recordingChannelCount" / "playbackChannelCount".
-    hal::UInt32 recordingChannelCount();
-    hal::UInt32 playbackChannelCount();
+    virtual hal::UInt32 recordingChannelCount();
+    virtual hal::UInt32 playbackChannelCount();
 
     bool haveCachedPropertyValueFor(const std::string& key) const;
     hal::UInt32 cachedUInt32PropertyValueFor(const std::string& key) const;
@@ -266,7 +271,7 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     hal::ListenerBlockRef wildcardListenerBlock();
 
     void setDelegate(const std::shared_ptr<AudioDeviceDelegate>& delegate);
-    std::shared_ptr<AudioDeviceDelegate> delegate() const;
+    virtual std::shared_ptr<AudioDeviceDelegate> delegate() const;
     void notifyDelegateOfPropertyChange(const Dictionary& change);
 
     /// Test aid: plays an audio-server restart for this device through the
@@ -274,6 +279,51 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     void fakeCoreAudioDRestart();
     /// As above with the rounds `interval` seconds apart.
     void fakeCoreAudioDRestart(double interval);
+
+    // ======== Channels, volume and mute ========
+    // The lists are built lazily; see DeviceChannels for their locking and
+    // for when a rebuilt record list becomes visible.
+
+    using ChannelList = std::vector<std::shared_ptr<AudioChannel>>;
+    virtual ChannelList recordChannels();
+    virtual ChannelList playbackChannels();
+    /// The record channel at `index`; null (with a logged error) out of range.
+    std::shared_ptr<AudioChannel> channelForIndex(std::int64_t index);
+    /// NaN for a side without channels.
+    float averageChannelVolume(bool record);
+    float outputVolume();
+    void setOutputVolume(float volume);
+    virtual float inputVolume();
+    virtual void setInputVolume(float volume);
+    bool muted();
+    void setMuted(bool muted);
+    void unmuteDevice();
+    void setAllInputAndOutputChannelVolumesTo(float volume, bool forInput, bool includeMaster);
+    void setAllInputAndOutputChannelVolumesTo(float volume, bool includeMaster);
+    void setAllInputAndOutputChannelVolumesTo(float volume);
+    float volumeForChannel(hal::UInt32 channel, bool isInput);
+    virtual float averageInputVolumeAcrossAllChannels();
+    float maxInputVolumeAcrossAllChannels();
+    float averageOutputVolumeAcrossAllChannels();
+    float maxOutputVolumeAcrossAllChannels();
+    float maxPowerInDBAcrossAllChannels();
+    void setMaxPowerInDBAcrossAllChannels(float db);
+    float newFastMaxPowerInDBAcrossAllChannels() const {
+        return newFastMaxPowerInDBAcrossAllChannels_.load();
+    }
+    void setNewFastMaxPowerInDBAcrossAllChannels(float db) {
+        newFastMaxPowerInDBAcrossAllChannels_.store(db);
+    }
+    std::recursive_mutex& channelDeviceLock() const override { return selfLock_; }
+
+    // ======== Default devices ========
+
+    /// Makes this device the system default output / input; failures are logged.
+    void makeDefaultOutputDevice();
+    void makeDefaultInputDevice();
+    /// Tells the user that the output device could not be put back (through
+    /// the installed AlertPresenter; see default_devices.h).
+    void showMakeDefaultWarning(const std::string& detail);
 
     // ======== Class-level plumbing ========
 
@@ -301,6 +351,7 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     void asyncPropertyListenerNotification(hal::AudioObjectPropertyElement element, bool isInput,
                                            hal::AudioObjectPropertySelector selector);
     hal::UInt32 channelCount(bool isInput, const char* cacheKey);
+    std::shared_ptr<AudioChannelOwner> channelOwner() const;
 
     std::unique_ptr<hal::CAHALAudioDevice> coreAudioDevice_;
     std::atomic<hal::AudioObjectID> deviceID_{0};
@@ -326,6 +377,7 @@ class AudioDevice : public ObservableObject, public std::enable_shared_from_this
     // default channel layout.
     mutable std::recursive_mutex selfLock_;
     hal::ListenerBlockRef listenerBlock_;
+    DeviceChannels channels_;
     // Guarded by the process-wide listener lock.
     std::vector<std::shared_ptr<AudioPropertyListenerToken>> propertyListenerBlocks_;
 

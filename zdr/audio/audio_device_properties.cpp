@@ -433,7 +433,9 @@ UInt32 AudioDevice::preferredChannelLayout(AudioChannelLayout* layout, bool reco
 UInt32 AudioDevice::channelCount(bool isInput, const char* cacheKey) {
     if (haveCachedPropertyValueFor(cacheKey)) return cachedUInt32PropertyValueFor(cacheKey);
     std::lock_guard lock(selfLock_);
-    const UInt32 n = numberOfChannels(isInput);
+    // Counting rebuilds the side's channel list when the count changed.
+    const UInt32 n = isInput ? channels_._checkAndRecreateRecordChannels(channelOwner())
+                             : channels_._checkAndRecreatePlaybackChannels(channelOwner());
     setCacheProperty(cacheKey, n);
     return n;
 }
