@@ -5,6 +5,7 @@
 
 #include <iostream>
 
+#include "apps/zdrctl/zdrctl_channel_commands.h"
 #include "apps/zdrctl/zdrctl_commands.h"
 #include "apps/zdrctl/zdrctl_options.h"
 
@@ -46,6 +47,15 @@ int main(int argc, char** argv) {
             break;
         case Command::demo:
             rc = runDemo(options, std::cout, std::cerr);
+            break;
+        case Command::volume:
+            rc = runVolume(options, std::cout, std::cerr);
+            break;
+        case Command::mute:
+            rc = runMute(options, std::cout, std::cerr);
+            break;
+        case Command::defaultDevice:
+            rc = runDefault(options, std::cout, std::cerr);
             break;
         case Command::help:
             break;

@@ -15,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "apps/zdrctl/zdrctl_channel_commands.h"
 #include "zdr/audio/audio_device.h"
 #include "zdr/audio/backends/simulated/simulated_hardware_description.h"
 #include "zdr/audio/hal/ca_hal_audio_system_object.h"
@@ -304,6 +305,7 @@ int runDevices(const Options& options, std::ostream& out, std::ostream& err) {
                             {"defaultOutput", d == defOut},
                             {"systemOutput", d == defSys},
                             {"defaultInput", d == defIn}});
+            if (options.channels) list.back()["channels"] = channelsJSON(d);
         }
         out << list.dump(2) << "\n";
         return kExitOK;
@@ -326,6 +328,10 @@ int runDevices(const Options& options, std::ostream& out, std::ostream& err) {
         out << "\n";
     }
     if (devices.empty()) out << "(no audio devices)\n";
+    if (options.channels) {
+        out << "\n";
+        printChannels(out, devices);
+    }
     out << "Backend: " << AudioHardware::current()->backendName()
         << ". DEF: O default output, S system output, I default input.\n";
     return kExitOK;

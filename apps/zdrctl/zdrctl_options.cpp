@@ -23,6 +23,16 @@ Commands:
   demo                 On the simulated backend: unplug and replug a device,
                        restart the audio server, change the default output and a
                        volume, and show that the same device objects come back.
+  devices --channels   Also list each device's channels: volume, mute, label.
+  volume DEVICE [VALUE]
+                       Show the device's output and input volume, or set its
+                       output volume (input for a device without outputs);
+                       VALUE is 0 to 1 or a percentage (40%).
+  mute DEVICE [on|off] Show or set the device's output mute.
+  default [output|input] [DEVICE]
+                       Show the default devices, or make DEVICE the default
+                       output (or input) device.
+                       DEVICE is a UID or a name; "default" is the default output.
 
 Options:
   --backend NAME       pulse or simulated. Default: $ZDR_AUDIO_BACKEND, else the
@@ -71,6 +81,8 @@ ParseResult parseArguments(const std::vector<std::string>& args) {
             o.logCategories = *v;
         } else if (a == "--json") {
             o.json = true;
+        } else if (a == "--channels") {
+            o.channels = true;
         } else if (a == "--seconds") {
             auto v = value("--seconds");
             if (!v) return fail("--seconds needs a number of seconds");
@@ -83,6 +95,9 @@ ParseResult parseArguments(const std::vector<std::string>& args) {
             o.seconds = s;
         } else if (!a.empty() && a[0] == '-') {
             return fail("unknown option \"" + a + "\"");
+        } else if (command && (*command == Command::volume || *command == Command::mute ||
+                               *command == Command::defaultDevice)) {
+            o.arguments.push_back(a);
         } else if (command) {
             return fail("unexpected argument \"" + a + "\"");
         } else if (a == "devices") {
@@ -91,13 +106,35 @@ ParseResult parseArguments(const std::vector<std::string>& args) {
             command = Command::watch;
         } else if (a == "demo") {
             command = Command::demo;
+        } else if (a == "volume") {
+            command = Command::volume;
+        } else if (a == "mute") {
+            command = Command::mute;
+        } else if (a == "default") {
+            command = Command::defaultDevice;
         } else {
-            return fail("unknown command \"" + a + "\" (devices, watch or demo)");
+            return fail("unknown command \"" + a +
+                        "\" (devices, watch, demo, volume, mute or default)");
         }
     }
-    if (!command) return fail("no command given (devices, watch or demo)");
+    if (!command) return fail("no command given (devices, watch, demo, volume, mute or default)");
     o.command = *command;
     if (o.json && o.command != Command::devices) return fail("--json belongs to \"devices\"");
+    if (o.channels && o.command != Command::devices) {
+        return fail("--channels belongs to \"devices\"");
+    }
+    if ((o.command == Command::volume || o.command == Command::mute) &&
+        (o.arguments.empty() || o.arguments.size() > 2)) {
+        return fail(o.command == Command::volume ? "usage: volume DEVICE [VALUE]"
+                                                 : "usage: mute DEVICE [on|off]");
+    }
+    if (o.command == Command::defaultDevice) {
+        const bool side =
+            !o.arguments.empty() && (o.arguments[0] == "output" || o.arguments[0] == "input");
+        if (o.arguments.size() > (side ? 2u : 1u)) {
+            return fail("usage: default [output|input] [DEVICE]");
+        }
+    }
     if (o.seconds && o.command != Command::watch) return fail("--seconds belongs to \"watch\"");
     if (o.hardware && o.backend && *o.backend != "simulated") {
         return fail(

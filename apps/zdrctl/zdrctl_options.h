@@ -18,11 +18,13 @@ enum ExitCode : int {
     kExitBackend = 4,       // the requested backend is unknown or unavailable
 };
 
-enum class Command { devices, watch, demo, help };
+enum class Command { devices, watch, demo, volume, mute, defaultDevice, help };
 
 struct Options {
     Command command = Command::help;
     bool json = false;                         // devices --json
+    bool channels = false;                     // devices --channels
+    std::vector<std::string> arguments;        // volume, mute, default: DEVICE and value
     std::optional<double> seconds;             // watch --seconds N
     std::optional<std::string> backend;        // --backend NAME
     std::optional<std::string> hardware;       // --hardware FILE.json

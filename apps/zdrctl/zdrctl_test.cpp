@@ -32,8 +32,8 @@ TEST(ZdrctlOptions, CommandsAndOptions) {
 }
 
 TEST(ZdrctlOptions, BadArgumentsAreNamed) {
-    EXPECT_EQ(parse({}).error, "no command given (devices, watch or demo)");
-    EXPECT_EQ(parse({"list"}).error, "unknown command \"list\" (devices, watch or demo)");
+    EXPECT_EQ(parse({}).error, "no command given (devices, watch, demo, volume, mute or default)");
+    EXPECT_EQ(parse({"list"}).error, "unknown command \"list\" (devices, watch, demo, volume, mute or default)");
     EXPECT_EQ(parse({"devices", "--colour"}).error, "unknown option \"--colour\"");
     EXPECT_EQ(parse({"devices", "--backend"}).error, "--backend needs a name (pulse or simulated)");
     EXPECT_EQ(parse({"watch", "--seconds", "soon"}).error,
