@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -192,29 +193,37 @@ bool PulseServerFixture::start(std::string* error) {
                                      "-n",
                                      "-F",
                                      script};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     const std::string logPath = dir_ + "/server.log";
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logPath.c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
-    // Its own process group, so that a terminal's signals meant for the test
-    // runner do not reach it first, and so that stop() can signal the group.
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
-    posix_spawnattr_setpgroup(&attr, 0);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attr, &none);
     auto env = environment();
     CStrings args(argv), envp(env);
-    pid_t pid = -1;
-    int rc =
-        ::posix_spawn(&pid, binary->c_str(), &actions, &attr, args.ptrs.data(), envp.ptrs.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
+    const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    const int nullFd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (logFd < 0 || nullFd < 0) {
+        if (logFd >= 0) ::close(logFd);
+        if (nullFd >= 0) ::close(nullFd);
+        return fail("could not open " + logPath);
+    }
+    const pid_t parent = ::getpid();
+    // fork/exec rather than posix_spawn: the child asks the kernel to kill it
+    // when the test process dies, so a crashing test leaves no server behind.
+    // Only async-signal-safe calls run between fork and exec.
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(127);
+        ::setpgid(0, 0);
+        sigset_t none;
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        ::dup2(nullFd, STDIN_FILENO);
+        ::dup2(nullFd, STDOUT_FILENO);
+        ::dup2(logFd, STDERR_FILENO);
+        ::execve(binary->c_str(), args.ptrs.data(), envp.ptrs.data());
+        ::_exit(127);
+    }
+    const int rc = pid < 0 ? errno : 0;
+    ::close(logFd);
+    ::close(nullFd);
     if (rc != 0) return fail(std::string("could not start pulseaudio: ") + std::strerror(rc));
     pid_ = pid;
 

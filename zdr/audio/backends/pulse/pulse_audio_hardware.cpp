@@ -1,7 +1,9 @@
 #include "zdr/audio/backends/pulse/pulse_audio_hardware.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
+#include <mutex>
 
 #include "zdr/audio/backends/pulse/pulse_connection.h"
 #include "zdr/audio/backends/pulse/pulse_properties.h"
@@ -59,16 +61,34 @@ const AudioObjectPropertyAddress kDevicesAddress{kAudioHardwarePropertyDevices,
 
 }  // namespace
 
+struct PulseAudioHardware::Listeners {
+    struct Listener {
+        AudioObjectID object;
+        AudioObjectPropertyAddress address;
+        DispatchQueue queue;
+        ListenerBlockRef block;
+    };
+    std::mutex mutex;
+    std::vector<Listener> list;
+    std::atomic<bool> quietFirstSync{false};
+
+    void handle(const PulseEvent& event);
+    void raise(AudioObjectID object, const std::vector<AudioObjectPropertyAddress>& addresses);
+    void drop(AudioObjectID device);
+};
+
 std::shared_ptr<PulseAudioHardware> PulseAudioHardware::create(Options options) {
     std::shared_ptr<PulseAudioHardware> self(new PulseAudioHardware());
     self->options_ = options;
     detail::PulseConnection::Options c;
     c.server = options.server;
     c.callTimeout = options.callTimeout;
-    std::weak_ptr<PulseAudioHardware> weak = self;
-    self->connection_ = detail::PulseConnection::create(c, [weak](const PulseEvent& event) {
-        if (auto strong = weak.lock()) strong->handle(event);
-    });
+    // handle() only turns events into queued listener calls, so it can run on
+    // the main-loop thread and save a thread hop on every change.
+    c.deliverOnLoopThread = true;
+    self->listeners_ = std::make_shared<Listeners>();
+    self->connection_ = detail::PulseConnection::create(
+        c, [listeners = self->listeners_](const PulseEvent& event) { listeners->handle(event); });
     if (options.requireServer) {
         if (!self->connection_->waitUntilSynced(options.connectTimeout,
                                                 options.giveUpWhenNoServer)) {
@@ -76,7 +96,7 @@ std::shared_ptr<PulseAudioHardware> PulseAudioHardware::create(Options options) 
         }
         // The caller reads the devices after this returns; announcing the
         // first sync as well would only reach its listeners as a stray change.
-        self->quietFirstSync_ = true;
+        self->listeners_->quietFirstSync = true;
     }
     return self;
 }
@@ -93,8 +113,8 @@ PulseAudioHardware::~PulseAudioHardware() {
 bool PulseAudioHardware::isConnected() const { return connection_->synced(); }
 
 std::size_t PulseAudioHardware::listenerCount() const {
-    std::lock_guard lock(listenersMutex_);
-    return listeners_.size();
+    std::lock_guard lock(listeners_->mutex);
+    return listeners_->list.size();
 }
 
 // ---- reads ----
@@ -403,13 +423,13 @@ OSStatus PulseAudioHardware::addPropertyListenerBlock(AudioObjectID object,
     if (!objectExists(object)) {
         return connection_->synced() ? kAudioHardwareBadObjectError : kAudioHardwareNotRunningError;
     }
-    std::lock_guard lock(listenersMutex_);
-    for (const auto& l : listeners_) {
+    std::lock_guard lock(listeners_->mutex);
+    for (const auto& l : listeners_->list) {
         if (l.object == object && l.address == address && l.queue == queue && l.block == block) {
             return kAudioHardwareIllegalOperationError;
         }
     }
-    listeners_.push_back({object, address, queue, block});
+    listeners_->list.push_back({object, address, queue, block});
     return kAudioHardwareNoError;
 }
 
@@ -417,20 +437,21 @@ OSStatus PulseAudioHardware::removePropertyListenerBlock(AudioObjectID object,
                                                          const AudioObjectPropertyAddress& address,
                                                          const DispatchQueue& queue,
                                                          const ListenerBlockRef& block) {
-    std::lock_guard lock(listenersMutex_);
-    auto it = std::find_if(listeners_.begin(), listeners_.end(), [&](const Listener& l) {
+    std::lock_guard lock(listeners_->mutex);
+    auto& list = listeners_->list;
+    auto it = std::find_if(list.begin(), list.end(), [&](const Listeners::Listener& l) {
         return l.object == object && l.address == address && l.queue == queue && l.block == block;
     });
-    if (it == listeners_.end()) {
+    if (it == list.end()) {
         return objectExists(object) ? kAudioHardwareIllegalOperationError
                                     : kAudioHardwareBadObjectError;
     }
-    listeners_.erase(it);
+    list.erase(it);
     return kAudioHardwareNoError;
 }
 
-void PulseAudioHardware::raise(AudioObjectID object,
-                               const std::vector<AudioObjectPropertyAddress>& addresses) {
+void PulseAudioHardware::Listeners::raise(
+    AudioObjectID object, const std::vector<AudioObjectPropertyAddress>& addresses) {
     if (addresses.empty()) return;
     struct Call {
         DispatchQueue queue;
@@ -439,8 +460,8 @@ void PulseAudioHardware::raise(AudioObjectID object,
     };
     std::vector<Call> calls;
     {
-        std::lock_guard lock(listenersMutex_);
-        for (const auto& l : listeners_) {
+        std::lock_guard lock(mutex);
+        for (const auto& l : list) {
             if (l.object != object) continue;
             std::vector<AudioObjectPropertyAddress> hit;
             for (const auto& changed : addresses) {
@@ -457,14 +478,15 @@ void PulseAudioHardware::raise(AudioObjectID object,
     }
 }
 
-void PulseAudioHardware::dropListeners(AudioObjectID device) {
-    std::lock_guard lock(listenersMutex_);
-    std::erase_if(listeners_,
+void PulseAudioHardware::Listeners::drop(AudioObjectID device) {
+    std::lock_guard lock(mutex);
+    std::erase_if(list,
                   [&](const Listener& l) { return l.object == device || l.object == device + 1; });
 }
 
-// Runs on the connection's event thread, in the order the server reported.
-void PulseAudioHardware::handle(const PulseEvent& event) {
+// Runs on the connection's main-loop thread, in the order the server reported:
+// it only hands listener calls to their queues and never blocks.
+void PulseAudioHardware::Listeners::handle(const PulseEvent& event) {
     const AudioObjectPropertyAddress alive{kAudioDevicePropertyDeviceIsAlive,
                                            kAudioObjectPropertyScopeGlobal,
                                            kAudioObjectPropertyElementMain};
@@ -478,7 +500,7 @@ void PulseAudioHardware::handle(const PulseEvent& event) {
         global(kAudioHardwarePropertyDefaultInputDevice)};
     switch (event.type) {
         case PulseEvent::Type::connected:
-            if (!event.reconnected && quietFirstSync_) break;
+            if (!event.reconnected && quietFirstSync) break;
             if (event.reconnected) {
                 std::fprintf(stderr, "zdr pulse: the audio server answers again\n");
                 raise(kAudioObjectSystemObject, {global(kAudioHardwarePropertyServiceRestarted)});
@@ -489,16 +511,19 @@ void PulseAudioHardware::handle(const PulseEvent& event) {
         case PulseEvent::Type::disconnected:
             for (const auto& d : event.removed) {
                 raise(d->objectID, {alive});
-                dropListeners(d->objectID);
+                drop(d->objectID);
             }
             raise(kAudioObjectSystemObject, {kDevicesAddress});
             break;
-        case PulseEvent::Type::deviceAdded:
+        case PulseEvent::Type::deviceAppearing:
             raise(kAudioObjectSystemObject, {kDevicesAddress});
+            break;
+        case PulseEvent::Type::deviceAdded:
+            if (!event.announced) raise(kAudioObjectSystemObject, {kDevicesAddress});
             break;
         case PulseEvent::Type::deviceRemoved:
             raise(event.before->objectID, {alive});
-            dropListeners(event.before->objectID);
+            drop(event.before->objectID);
             raise(kAudioObjectSystemObject, {kDevicesAddress});
             break;
         case PulseEvent::Type::deviceChanged: {

@@ -22,10 +22,8 @@
 // never with a libpulse lock or a lock of this class held.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -97,13 +95,6 @@ class PulseAudioHardware : public AudioHardware,
  private:
     PulseAudioHardware() = default;
 
-    struct Listener {
-        AudioObjectID object;
-        AudioObjectPropertyAddress address;
-        DispatchQueue queue;
-        ListenerBlockRef block;
-    };
-
     OSStatus read(AudioObjectID object, const AudioObjectPropertyAddress& address,
                   const PropertyValue* qualifier, PropertyValue* outValue, bool* outSettable);
     OSStatus readSystem(const AudioObjectPropertyAddress& address, const PropertyValue* qualifier,
@@ -115,15 +106,13 @@ class PulseAudioHardware : public AudioHardware,
     OSStatus setDefault(const AudioObjectPropertyAddress& address, const PropertyValue& value);
     bool objectExists(AudioObjectID object) const;
 
-    void handle(const detail::PulseEvent& event);
-    void raise(AudioObjectID object, const std::vector<AudioObjectPropertyAddress>& addresses);
-    void dropListeners(AudioObjectID device);
+    // The listener table, shared with the connection's event handler so that
+    // the handler never needs (and never releases) the backend itself.
+    struct Listeners;
 
     Options options_;
-    std::atomic<bool> quietFirstSync_{false};
+    std::shared_ptr<Listeners> listeners_;
     std::shared_ptr<detail::PulseConnection> connection_;
-    mutable std::mutex listenersMutex_;
-    std::vector<Listener> listeners_;
 };
 
 }  // namespace zdr::hal

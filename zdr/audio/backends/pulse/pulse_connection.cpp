@@ -34,14 +34,30 @@ struct EventQueue {
     bool stop = false;
     PulseConnection::EventHandler handler;
     std::thread::id threadID;
+    bool direct = false;  // deliver on the main-loop thread, at once
 
     void push(PulseEvent event) {
+        if (direct) {
+            deliver(event);
+            return;
+        }
         {
             std::lock_guard lock(mutex);
             if (stop) return;
             events.push_back(std::move(event));
         }
         cv.notify_one();
+    }
+
+    void deliver(const PulseEvent& event) {
+        if (!handler) return;
+        try {
+            handler(event);
+        } catch (const std::exception& e) {
+            logLine("event handler threw", e.what());
+        } catch (...) {
+            logLine("event handler threw", "unknown exception");
+        }
     }
 
     static void run(const std::shared_ptr<EventQueue>& self) {
@@ -52,15 +68,7 @@ struct EventQueue {
             PulseEvent event = std::move(self->events.front());
             self->events.pop_front();
             lock.unlock();
-            if (self->handler) {
-                try {
-                    self->handler(event);
-                } catch (const std::exception& e) {
-                    logLine("event handler threw", e.what());
-                } catch (...) {
-                    logLine("event handler threw", "unknown exception");
-                }
-            }
+            self->deliver(event);
             lock.lock();
         }
     }
@@ -216,6 +224,18 @@ struct PulseConnection::Impl {
     std::map<uint32_t, std::shared_ptr<const PulseDevice>> reported;
     std::map<uint32_t, uint32_t> sinkIDs;    // server index -> object ID
     std::map<uint32_t, uint32_t> sourceIDs;  // server index -> object ID
+    // Info requests in flight, in request order (the server answers in that
+    // order). Those for devices not known yet make list reads wait for them,
+    // so that a device-list change announced on the server's word is never
+    // followed by a read of the old list.
+    struct InfoRequest {
+        PulseDeviceKind kind;
+        uint32_t index;
+        bool unknown;
+        bool announced;
+    };
+    std::deque<InfoRequest> infoRequests;  // main-loop thread only
+    int pendingAdds = 0;                   // guarded by stateMutex
 
     std::map<uint32_t, uint32_t>& idsFor(PulseDeviceKind kind) {
         return kind == PulseDeviceKind::sink ? sinkIDs : sourceIDs;
@@ -300,6 +320,12 @@ struct PulseConnection::Impl {
     }
 
     void connectionLost() {
+        infoRequests.clear();
+        {
+            std::lock_guard lock(stateMutex);
+            pendingAdds = 0;
+        }
+        syncedCv.notify_all();
         syncing = false;
         syncDevices.clear();
         syncQueued.clear();
@@ -446,6 +472,28 @@ struct PulseConnection::Impl {
 
     void requestInfo(PulseDeviceKind kind, uint32_t index) {
         if (!context) return;
+        bool unknown;
+        bool announce = false;
+        {
+            std::lock_guard lock(stateMutex);
+            unknown = idsFor(kind).count(index) == 0;
+            if (unknown) {
+                ++pendingAdds;
+                // Any event for an index we do not know is a newcomer (the
+                // server may send a change before the "new" of the same
+                // device); one announcement each, however many events it raises.
+                announce = std::none_of(
+                    infoRequests.begin(), infoRequests.end(), [&](const InfoRequest& r) {
+                        return r.kind == kind && r.index == index && r.announced;
+                    });
+            }
+        }
+        infoRequests.push_back({kind, index, unknown, announce});
+        if (announce) {
+            PulseEvent event;
+            event.type = PulseEvent::Type::deviceAppearing;
+            events->push(std::move(event));
+        }
         if (kind == PulseDeviceKind::sink) {
             unrefOp(pa_context_get_sink_info_by_index(context, index, &Impl::onSinkInfo, this));
         } else {
@@ -455,12 +503,35 @@ struct PulseConnection::Impl {
 
     static void onSinkInfo(pa_context* c, const pa_sink_info* info, int eol, void* ud) {
         auto* self = static_cast<Impl*>(ud);
-        if (c == self->context && eol == 0 && info) self->applyDevice(fromSink(*info));
+        if (c != self->context) return;
+        if (eol == 0 && info) {
+            self->applyDevice(fromSink(*info));
+        } else {
+            self->infoAnswered();
+        }
     }
 
     static void onSourceInfo(pa_context* c, const pa_source_info* info, int eol, void* ud) {
         auto* self = static_cast<Impl*>(ud);
-        if (c == self->context && eol == 0 && info) self->applyDevice(fromSource(*info));
+        if (c != self->context) return;
+        if (eol == 0 && info) {
+            self->applyDevice(fromSource(*info));
+        } else {
+            self->infoAnswered();
+        }
+    }
+
+    // The request at the front is answered (found or not).
+    void infoAnswered() {
+        if (infoRequests.empty()) return;
+        const InfoRequest r = infoRequests.front();
+        infoRequests.pop_front();
+        if (!r.unknown) return;
+        {
+            std::lock_guard lock(stateMutex);
+            --pendingAdds;
+        }
+        syncedCv.notify_all();
     }
 
     void applyDevice(std::shared_ptr<PulseDevice> d) {
@@ -475,6 +546,10 @@ struct PulseConnection::Impl {
                 if (d->isRunning()) d->runningSince = std::chrono::steady_clock::now();
                 ids[d->index] = d->objectID;
                 event.type = PulseEvent::Type::deviceAdded;
+                event.announced = std::any_of(
+                    infoRequests.begin(), infoRequests.end(), [&](const InfoRequest& r) {
+                        return r.kind == d->kind && r.index == d->index && r.announced;
+                    });
             } else {
                 const auto& before = reported[it->second];
                 d->objectID = it->second;
@@ -570,6 +645,8 @@ struct PulseConnection::Impl {
         return wait.success ? PulseCallResult::ok : PulseCallResult::failed;
     }
 
+    void waitForPendingAdds(std::unique_lock<std::mutex>& lock) const;
+
     template <class Mutate>
     void updateVisible(uint32_t objectID, Mutate&& mutate) {
         std::lock_guard lock(stateMutex);
@@ -587,6 +664,7 @@ std::shared_ptr<PulseConnection> PulseConnection::create(Options options, EventH
     Impl& impl = *self->impl_;
     impl.options = std::move(options);
     impl.events->handler = std::move(handler);
+    impl.events->direct = impl.options.deliverOnLoopThread;
     impl.eventThread = std::thread([q = impl.events] { EventQueue::run(q); });
     impl.events->threadID = impl.eventThread.get_id();
     impl.mainloop = pa_threaded_mainloop_new();
@@ -673,8 +751,14 @@ uint64_t PulseConnection::generation() const {
     return impl_->generation;
 }
 
+void PulseConnection::Impl::waitForPendingAdds(std::unique_lock<std::mutex>& lock) const {
+    if (pendingAdds == 0 || !mainloop || pa_threaded_mainloop_in_thread(mainloop)) return;
+    syncedCv.wait_for(lock, options.callTimeout, [&] { return pendingAdds == 0; });
+}
+
 std::vector<std::shared_ptr<const PulseDevice>> PulseConnection::devices() const {
-    std::lock_guard lock(impl_->stateMutex);
+    std::unique_lock lock(impl_->stateMutex);
+    impl_->waitForPendingAdds(lock);
     std::vector<std::shared_ptr<const PulseDevice>> out;
     out.reserve(impl_->visible.size());
     for (const auto& [id, d] : impl_->visible) out.push_back(d);
@@ -688,7 +772,8 @@ std::shared_ptr<const PulseDevice> PulseConnection::device(uint32_t objectID) co
 }
 
 std::shared_ptr<const PulseDevice> PulseConnection::deviceByUID(const std::string& uid) const {
-    std::lock_guard lock(impl_->stateMutex);
+    std::unique_lock lock(impl_->stateMutex);
+    impl_->waitForPendingAdds(lock);
     for (const auto& [id, d] : impl_->visible) {
         if (d->uid == uid) return d;
     }
@@ -697,7 +782,8 @@ std::shared_ptr<const PulseDevice> PulseConnection::deviceByUID(const std::strin
 
 std::shared_ptr<const PulseDevice> PulseConnection::deviceByName(PulseDeviceKind kind,
                                                                  const std::string& name) const {
-    std::lock_guard lock(impl_->stateMutex);
+    std::unique_lock lock(impl_->stateMutex);
+    impl_->waitForPendingAdds(lock);
     for (const auto& [id, d] : impl_->visible) {
         if (d->kind == kind && d->name == name) return d;
     }

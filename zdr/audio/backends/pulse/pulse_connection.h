@@ -14,10 +14,16 @@
 // disappears and comes back (or survives a server restart) gets a new ID.
 // Device IDs are even; ID + 1 is kept free for the device's stream object.
 //
+// A newly announced device is reported at once (deviceAppearing) and its
+// details follow; until they arrive, reads of the device list and lookups by
+// UID or name wait for them (at most callTimeout), so a reader that reacts to
+// the announcement never sees the old list.
+//
 // Threads: every member may be called from any thread, the event handler
 // included. Events are delivered in order on one event thread of this
 // connection, never with a libpulse lock held, so the handler may call back
-// into the connection (reads and writes alike).
+// into the connection (reads and writes alike); see deliverOnLoopThread for
+// the exception.
 #pragma once
 
 #include <chrono>
@@ -87,15 +93,17 @@ struct PulseServerInfo {
 
 struct PulseEvent {
     enum class Type {
-        connected,      // first sync or re-sync after a loss; `reconnected` says which
-        disconnected,   // `removed` lists every device that went with it
-        deviceAdded,    // `after`
-        deviceRemoved,  // `before`
-        deviceChanged,  // `before`, `after`
-        serverChanged,  // `serverBefore`, `serverAfter`
+        connected,        // first sync or re-sync after a loss; `reconnected` says which
+        disconnected,     // `removed` lists every device that went with it
+        deviceAppearing,  // the server announced a new device; its details are on the way
+        deviceAdded,      // `after`; `announced` when deviceAppearing came first
+        deviceRemoved,    // `before`
+        deviceChanged,    // `before`, `after`
+        serverChanged,    // `serverBefore`, `serverAfter`
     };
     Type type = Type::connected;
     bool reconnected = false;
+    bool announced = false;
     std::shared_ptr<const PulseDevice> before;
     std::shared_ptr<const PulseDevice> after;
     std::vector<std::shared_ptr<const PulseDevice>> removed;
@@ -114,6 +122,11 @@ class PulseConnection : public std::enable_shared_from_this<PulseConnection> {
         std::chrono::milliseconds callTimeout{2000};
         std::chrono::milliseconds firstRetryDelay{20};
         std::chrono::milliseconds maxRetryDelay{1000};
+        /// Deliver events on the main-loop thread as they happen, instead of
+        /// on the event thread. For handlers that only hand work on (enqueue)
+        /// and never call the blocking writes: those would wait for the very
+        /// thread they run on.
+        bool deliverOnLoopThread = false;
     };
     using EventHandler = std::function<void(const PulseEvent&)>;
 
