@@ -178,7 +178,14 @@ TEST_F(PulseRegistryTest, HotplugStormEndsAliveEveryCycle) {
     auto token =
         device->addListenerForProperty(kAudioObjectPropertySelectorWildcard,
                                        [&](const auto&, AudioObjectPropertySelector) { ++calls; });
-    const size_t registered = AudioDevice::_test_registeredCount();
+    // Known devices, live or possibly dead: the default-output stand-in moves
+    // between the two tables as the default output comes and goes.
+    auto known = [] {
+        return AudioDevice::_test_registeredCount() + AudioDevice::_test_possiblyDeadCount();
+    };
+    // Measured after a few cycles: the first device-list changes also make the
+    // registry meet the default output (through its stand-in) once.
+    size_t registered = 0;
     for (int cycle = 1; cycle <= 200; ++cycle) {
         const size_t gone = count(kAudioDriverDeviceGoneDead, device.get());
         ASSERT_EQ(conn->unloadModule(*module), detail::PulseCallResult::ok);
@@ -199,8 +206,9 @@ TEST_F(PulseRegistryTest, HotplugStormEndsAliveEveryCycle) {
         })) << "cycle "
             << cycle;
         ASSERT_EQ(AudioDevice::deviceForCoreAudioUID("storm"), device);
+        if (cycle == 10) registered = known();
     }
-    EXPECT_EQ(AudioDevice::_test_registeredCount(), registered);
+    EXPECT_EQ(known(), registered);
     EXPECT_FALSE(device->isMarkedAsDead());
     device->removeListenerForToken(token);
 }
