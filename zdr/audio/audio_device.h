@@ -164,7 +164,7 @@ class AudioDevice : public ObservableObject,
     bool isMarkedAsDead() const;
     /// Marks the device dead (once) and posts kAudioDriverDeviceGoneDead (each
     /// time) when it is not alive; answers whether it was not alive.
-    bool markAsDeadIfDeviceIsNotAlive();
+    virtual bool markAsDeadIfDeviceIsNotAlive();
     void markDeviceAsNotAlive();
     void markDeviceAsAlive();
     bool refindDeviceIDBasedOnUID();

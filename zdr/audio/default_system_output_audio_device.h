@@ -63,6 +63,11 @@ class DefaultSystemOutputAudioDevice : public AudioDevice {
     float inputVolume() override;
     void setInputVolume(float volume) override;
 
+    /// Never: the proxy stands for whichever device is the default, so it
+    /// stays registered (the same object) while the default device comes and
+    /// goes, also across an audio-server restart.
+    bool markAsDeadIfDeviceIsNotAlive() override { return false; }
+
  private:
     DefaultSystemOutputAudioDevice() = default;
     std::string customDeviceName_;

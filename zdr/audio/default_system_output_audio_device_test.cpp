@@ -80,7 +80,19 @@ TEST_F(DeviceChannelsTest, ProxyWithoutDefaultDeviceAnswersEmptyValues) {
     EXPECT_TRUE(proxy->playbackChannels().empty());
     EXPECT_FALSE(proxy->isAlive());
     EXPECT_TRUE(proxy->momentoDictionary().empty());
+    // The device-list handler asks every registered device; the proxy is
+    // never found dead, so it stays the registered object.
+    EXPECT_FALSE(proxy->markAsDeadIfDeviceIsNotAlive());
+    EXPECT_EQ(AudioDevice::lookupDeviceSingletonByDeviceUID(
+                  DefaultSystemOutputAudioDevice::defaultSystemOutputAudioDeviceUniqueID()),
+              proxy);
     hw_->startServer();
+    settle();
+    // The device-list handler ran while nothing was the default: the proxy
+    // is still the registered object, and follows the new default again.
+    EXPECT_EQ(AudioDevice::proxiedDefaultSystemOutput(), proxy);
+    EXPECT_EQ(countPosted(kAudioDriverDeviceGoneDead, proxy.get()), 0u);
+    EXPECT_TRUE(eventually([&] { return proxy->deviceID() != 0; }));
 }
 
 TEST_F(DeviceChannelsTest, MakeDefaultFromTheDevice) {
