@@ -43,7 +43,10 @@ class PulseServerFixture {
         std::chrono::milliseconds startTimeout{10000};
         /// Set PULSE_SERVER (and the runtime variables) in this process's
         /// environment on start so that default-constructed clients find it.
-        bool exportEnvironment = true;
+        /// Off by default: setenv races with any thread reading the
+        /// environment (libpulse does on every connection attempt); pass
+        /// serverString() to clients instead.
+        bool exportEnvironment = false;
     };
 
     PulseServerFixture();
