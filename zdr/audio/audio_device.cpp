@@ -10,7 +10,6 @@
 #include "zdr/audio/default_system_output_audio_device.h"
 #include "zdr/audio/hal/ca_hal_audio_system_object.h"
 #include "zdr/runtime/notification_center.h"
-#include "zdr/timing/dispatch_lock.h"
 
 namespace zdr {
 
@@ -143,9 +142,7 @@ using detail::possiblyDead;
 // ---------------------------------------------------------------------------
 // Creation
 
-AudioDevice::AudioDevice()
-    : recordChannelsLock_(std::make_unique<DispatchLock>("recordChannelsLock")),
-      playbackChannelsLock_(std::make_unique<DispatchLock>("playbackChannelsLock")) {}
+AudioDevice::AudioDevice() = default;
 
 std::shared_ptr<AudioDevice> AudioDevice::initWithCoreAudioDevice(AudioObjectID deviceID) {
     std::shared_ptr<AudioDevice> device(new AudioDevice());

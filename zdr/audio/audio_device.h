@@ -50,8 +50,6 @@
 
 namespace zdr {
 
-class DispatchLock;
-
 // Notification names (the constants' values are their own spellings).
 inline constexpr const char* kAudioDevicesChanged = "kAudioDevicesChanged";
 inline constexpr const char* kAudioDevicesDefaultOutputChanged =
@@ -212,10 +210,18 @@ class AudioDevice : public ObservableObject,
                                      hal::AudioStreamBasicDescription* asbd) const;
     std::optional<std::string> nameOfDataSource(bool isInput) const;
     void setDatasourceByName(const std::string& name, bool isInput);
-    virtual std::optional<std::string> currentRecordingDatasource() const { return nameOfDataSource(true); }
-    virtual void setCurrentRecordingDatasource(const std::string& name) { setDatasourceByName(name, true); }
-    virtual std::optional<std::string> currentPlaybackDatasource() const { return nameOfDataSource(false); }
-    virtual void setCurrentPlaybackDatasource(const std::string& name) { setDatasourceByName(name, false); }
+    virtual std::optional<std::string> currentRecordingDatasource() const {
+        return nameOfDataSource(true);
+    }
+    virtual void setCurrentRecordingDatasource(const std::string& name) {
+        setDatasourceByName(name, true);
+    }
+    virtual std::optional<std::string> currentPlaybackDatasource() const {
+        return nameOfDataSource(false);
+    }
+    virtual void setCurrentPlaybackDatasource(const std::string& name) {
+        setDatasourceByName(name, false);
+    }
     /// Fills the time stamp from the device clock. Throws Exception "Audio"
     /// without a time stamp. With no error pointer the answer is always true.
     bool currentTime(hal::AudioTimeStamp* time, Error* error) const;
@@ -370,8 +376,6 @@ class AudioDevice : public ObservableObject,
     std::map<std::string, hal::UInt32> propertiesCache_;
 
     std::atomic<float> newFastMaxPowerInDBAcrossAllChannels_{0.0f};
-    std::unique_ptr<DispatchLock> recordChannelsLock_;
-    std::unique_ptr<DispatchLock> playbackChannelsLock_;
 
     // The device's own recursive lock: listener install/removal, memento,
     // default channel layout.

@@ -19,7 +19,14 @@ std::string statusString(OSStatus status) {
     for (int i = 0; i < 4 && printable; ++i) {
         printable = std::isprint(static_cast<unsigned char>((code >> (24 - 8 * i)) & 0xFF)) != 0;
     }
-    if (printable) return "'" + fourCharString(code) + "'";
+    if (printable) {
+        // Appended piece by piece: GCC 12 at -O3 misreads `"'" + string + "'"`
+        // as an overlapping copy (-Wrestrict) and the build treats that as an error.
+        std::string quoted(1, '\'');
+        quoted += fourCharString(code);
+        quoted += '\'';
+        return quoted;
+    }
     return std::to_string(status);
 }
 
