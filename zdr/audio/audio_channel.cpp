@@ -63,106 +63,78 @@ void AudioChannel::setClock(std::shared_ptr<Clock> clock) {
 // ---------------------------------------------------------------------------
 // Volume and mute
 
+void AudioChannel::refreshOutputVolumeProxy(const char* function) {
+    auto device = this->device();
+    auto* hal = device ? device->coreAudioDevice() : nullptr;
+    if (!hal) return;
+    try {
+        if (hal->HasVolumeControl(kAudioObjectPropertyScopeOutput, coreAudioChannelIndex())) {
+            proxyOutputVolume_.store(hal->GetVolumeControlScalarValue(
+                kAudioObjectPropertyScopeOutput, coreAudioChannelIndex()));
+        }
+    } catch (const CAException& e) {
+        detail::channelLog(detail::ChannelLogLevel::error, function, __FILE__, __LINE__,
+                           "Cannot get hardware output volume for channel %d, error: %d", index(),
+                           static_cast<int>(e.GetError()));
+    }
+}
+
 float AudioChannel::volume() {
     // Reading the output-side control into proxyOutputVolume while answering
     // the record-side proxy looks wrong but is what callers have always seen:
     // a volume read refreshes the playback proxy as a side effect.
-    if (auto device = this->device()) {
-        if (auto* hal = device->coreAudioDevice()) {
-            try {
-                if (hal->HasVolumeControl(kAudioObjectPropertyScopeOutput,
-                                          coreAudioChannelIndex())) {
-                    proxyOutputVolume_.store(hal->GetVolumeControlScalarValue(
-                        kAudioObjectPropertyScopeOutput, coreAudioChannelIndex()));
-                }
-            } catch (const CAException& e) {
-                ZDR_CHANNEL_LOG(error,
-                                "Cannot get hardware output volume for channel %d, error: %d",
-                                index(), static_cast<int>(e.GetError()));
-            }
-        }
-    }
+    refreshOutputVolumeProxy(__func__);
     return proxyVolume_.load();
 }
 
-void AudioChannel::setVolume(float volume) {
-    const float old = proxyVolume_.load();
-    if (auto undo = undoManager()) {
-        std::weak_ptr<AudioChannel> weak = weak_from_this();
-        undo->registerUndo(
-            this,
-            [weak, old] {
-                if (auto self = weak.lock()) self->setVolume(old);
-            },
-            "Change Volume");
-    }
-    proxyVolume_.store(volume);
-    if (auto device = this->device()) {
-        if (auto* hal = device->coreAudioDevice()) {
-            try {
-                if (hal->HasVolumeControl(kAudioObjectPropertyScopeInput,
-                                          coreAudioChannelIndex()) &&
-                    hal->VolumeControlIsSettable(kAudioObjectPropertyScopeInput,
-                                                 coreAudioChannelIndex())) {
-                    hal->SetVolumeControlScalarValue(kAudioObjectPropertyScopeInput,
-                                                     coreAudioChannelIndex(), volume);
-                }
-            } catch (const CAException&) {
-                ZDR_CHANNEL_LOG(error, "Cannot set hardware volume for channel %d to %2.2f",
-                                index(), static_cast<double>(volume));
-            }
-        }
-    }
-    levelChanged_.store(true);
-}
-
 float AudioChannel::outputVolume() {
-    if (auto device = this->device()) {
-        if (auto* hal = device->coreAudioDevice()) {
-            try {
-                if (hal->HasVolumeControl(kAudioObjectPropertyScopeOutput,
-                                          coreAudioChannelIndex())) {
-                    proxyOutputVolume_.store(hal->GetVolumeControlScalarValue(
-                        kAudioObjectPropertyScopeOutput, coreAudioChannelIndex()));
-                }
-            } catch (const CAException& e) {
-                ZDR_CHANNEL_LOG(error,
-                                "Cannot get hardware output volume for channel %d, error: %d",
-                                index(), static_cast<int>(e.GetError()));
-            }
-        }
-    }
+    refreshOutputVolumeProxy(__func__);
     return proxyOutputVolume_.load();
 }
 
-void AudioChannel::setOutputVolume(float volume) {
-    const float old = proxyOutputVolume_.load();
-    if (auto undo = undoManager()) {
-        std::weak_ptr<AudioChannel> weak = weak_from_this();
-        undo->registerUndo(
-            this,
-            [weak, old] {
-                if (auto self = weak.lock()) self->setOutputVolume(old);
-            },
-            "Change Output Volume");
-    }
-    proxyOutputVolume_.store(volume);
-    if (auto device = this->device()) {
-        if (auto* hal = device->coreAudioDevice()) {
-            try {
-                if (hal->HasVolumeControl(kAudioObjectPropertyScopeOutput,
-                                          coreAudioChannelIndex()) &&
-                    hal->VolumeControlIsSettable(kAudioObjectPropertyScopeOutput,
-                                                 coreAudioChannelIndex())) {
-                    hal->SetVolumeControlScalarValue(kAudioObjectPropertyScopeOutput,
-                                                     coreAudioChannelIndex(), volume);
-                }
-            } catch (const CAException&) {
-                ZDR_CHANNEL_LOG(error, "Cannot set hardware output volume for channel %d to %2.2f",
-                                index(), static_cast<double>(volume));
-            }
+void AudioChannel::registerVolumeUndo(float old, void (AudioChannel::*setter)(float),
+                                      const char* undoName) {
+    auto undo = undoManager();
+    if (!undo) return;
+    std::weak_ptr<AudioChannel> weak = weak_from_this();
+    undo->registerUndo(
+        this,
+        [weak, old, setter] {
+            if (auto self = weak.lock()) (self.get()->*setter)(old);
+        },
+        undoName);
+}
+
+void AudioChannel::writeHardwareVolume(hal::AudioObjectPropertyScope scope, float volume,
+                                       const char* failureFormat, const char* function) {
+    auto device = this->device();
+    auto* hal = device ? device->coreAudioDevice() : nullptr;
+    if (!hal) return;
+    try {
+        if (hal->HasVolumeControl(scope, coreAudioChannelIndex()) &&
+            hal->VolumeControlIsSettable(scope, coreAudioChannelIndex())) {
+            hal->SetVolumeControlScalarValue(scope, coreAudioChannelIndex(), volume);
         }
+    } catch (const CAException&) {
+        detail::channelLog(detail::ChannelLogLevel::error, function, __FILE__, __LINE__,
+                           failureFormat, index(), static_cast<double>(volume));
     }
+}
+
+void AudioChannel::setVolume(float volume) {
+    registerVolumeUndo(proxyVolume_.load(), &AudioChannel::setVolume, "Change Volume");
+    proxyVolume_.store(volume);
+    writeHardwareVolume(kAudioObjectPropertyScopeInput, volume,
+                        "Cannot set hardware volume for channel %d to %2.2f", __func__);
+    levelChanged_.store(true);
+}
+
+void AudioChannel::setOutputVolume(float volume) {
+    registerVolumeUndo(proxyOutputVolume_.load(), &AudioChannel::setOutputVolume,
+                       "Change Output Volume");
+    proxyOutputVolume_.store(volume);
+    writeHardwareVolume(kAudioObjectPropertyScopeOutput, volume,
+                        "Cannot set hardware output volume for channel %d to %2.2f", __func__);
     levelChanged_.store(true);
 }
 

@@ -157,6 +157,13 @@ class AudioChannel : public std::enable_shared_from_this<AudioChannel> {
     explicit AudioChannel(std::int32_t index, std::weak_ptr<AudioChannelOwner> device = {});
 
  private:
+    // Reads the hardware's output volume for this channel into the playback
+    // proxy. `function` names the public operation in log lines.
+    void refreshOutputVolumeProxy(const char* function);
+    void registerVolumeUndo(float old, void (AudioChannel::*setter)(float), const char* undoName);
+    // Writes `volume` to the hardware control of `scope` if it is there and settable.
+    void writeHardwareVolume(hal::AudioObjectPropertyScope scope, float volume,
+                             const char* failureFormat, const char* function);
     void announceKey(const std::string& key);
 
     std::atomic<std::int32_t> index_;

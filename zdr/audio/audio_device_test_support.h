@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "zdr/testing/eventually.h"
+
 #include <chrono>
 #include <mutex>
 #include <thread>
@@ -89,13 +91,9 @@ class AudioDeviceTest : public ::testing::Test {
     /// Waits (generously) until `done` holds, pumping the queues.
     template <class F>
     bool eventually(F done, double seconds = 10.0) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-        while (std::chrono::steady_clock::now() < end) {
-            settle();
-            if (done()) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return done();
+        return zdr::testing::eventually(
+            done, std::chrono::milliseconds(static_cast<long>(seconds * 1000)),
+            [this] { settle(); });
     }
     hal::AudioObjectID idOf(const std::string& uid) { return hw_->objectIDForUID(uid).value_or(0); }
 

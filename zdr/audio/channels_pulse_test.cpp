@@ -1,6 +1,8 @@
 // Volume, mute and the default device against a private PulseAudio server.
 #include <gtest/gtest.h>
 
+#include "zdr/testing/eventually.h"
+
 #include <chrono>
 #include <thread>
 
@@ -35,12 +37,7 @@ class ChannelsOnPulse : public zdr::testing::PulseServerTest {
     // The server reports a change a moment after it answered the request.
     template <class Pred>
     static bool eventually(Pred pred) {
-        const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (!pred()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(1ms);
-        }
-        return true;
+        return zdr::testing::eventually(pred);
     }
     std::string pactl(std::vector<std::string> args) {
         std::string out;

@@ -1,7 +1,9 @@
 #include "zdr/runtime/dispatch_queue.h"
 
 #include <gtest/gtest.h>
+
 #include <poll.h>
+#include "zdr/testing/eventually.h"
 
 #include <atomic>
 #include <cmath>
@@ -16,16 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Waits (generously) for a condition that other threads make true.
-template <class F>
-bool eventually(F&& condition, std::chrono::milliseconds limit = 5000ms) {
-    auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(1ms);
-    }
-    return condition();
-}
+using zdr::testing::eventually;
 
 TEST(DispatchQueueSerial, RunsAsyncWorkInSubmissionOrderOneAtATime) {
     DispatchQueue q("test.serial");

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "zdr/testing/eventually.h"
+
 #include <atomic>
 #include <cmath>
 #include <thread>
@@ -11,15 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-template <class F>
-bool eventually(F&& condition, std::chrono::milliseconds limit = 5000ms) {
-    auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(1ms);
-    }
-    return condition();
-}
+using zdr::testing::eventually;
 
 TEST(DispatchSourceTimerTest, StartsSuspendedAndRepeatsAfterResume) {
     DispatchQueue q("test.timer");

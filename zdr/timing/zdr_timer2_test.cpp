@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "zdr/testing/eventually.h"
+
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -15,12 +17,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5000ms) {
-    const auto until = Clock::now() + timeout;
-    while (!done()) {
-        if (Clock::now() > until) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
+    return zdr::testing::eventually(done, timeout);
 }
 
 TEST(ZDRTimer2Interval, MillisecondsAreTruncatedFloatProducts) {

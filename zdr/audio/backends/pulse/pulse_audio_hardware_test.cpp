@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "zdr/testing/eventually.h"
+
 #include <unistd.h>
 #include <algorithm>
 #include <condition_variable>
@@ -101,12 +103,7 @@ class PulseAudioHardwareTest : public zdr::testing::PulseServerTest {
     // that caused it; tests wait for the effect with a generous bound.
     template <class Pred>
     static bool eventually(Pred pred, std::chrono::milliseconds timeout = 5000ms) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (!pred()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(1ms);
-        }
-        return true;
+        return zdr::testing::eventually(pred, timeout);
     }
     AudioObjectID waitForUID(const std::string& uid) {
         AudioObjectID id = kAudioObjectUnknown;

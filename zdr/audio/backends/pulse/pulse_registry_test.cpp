@@ -3,6 +3,8 @@
 // hidden device, server restarts, and a hot-plug storm.
 #include <gtest/gtest.h>
 
+#include "zdr/testing/eventually.h"
+
 #include <chrono>
 #include <mutex>
 #include <thread>
@@ -56,13 +58,7 @@ class PulseRegistryTest : public zdr::testing::PulseServerTest {
     }
     template <class Pred>
     bool eventually(Pred pred, std::chrono::milliseconds timeout = 5000ms) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            pump();
-            if (pred()) return true;
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(1ms);
-        }
+        return zdr::testing::eventually(pred, timeout, [this] { pump(); });
     }
     size_t count(const std::string& name, const void* object = nullptr) {
         std::lock_guard lock(mutex_);
