@@ -184,7 +184,7 @@ class SimulatedAudioHardware : public AudioHardware {
     /// The object ID a UID has now (hidden devices included); none if unplugged.
     std::optional<AudioObjectID> objectIDForUID(const std::string& uid) const;
     std::vector<std::string> pluggedDeviceUIDs() const;
-    /// The spec a device was plugged in with (current values are not folded in).
+    /// The description a device was plugged in with (current values are not folded in).
     std::optional<SimulatedDeviceSpec> deviceSpec(const std::string& uid) const;
     /// HAL calls answered so far (every AudioHardware member counts one).
     std::uint64_t callCount() const { return calls_.load(std::memory_order_relaxed); }
