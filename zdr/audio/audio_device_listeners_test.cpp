@@ -1,6 +1,7 @@
 // Fan-out of hardware property changes: delegate, device and global listener
 // closures (once each), the device's own reactions, listener installation.
 #include <atomic>
+#include <future>
 
 #include "zdr/audio/audio_device.h"
 #include "zdr/audio/audio_device_internal.h"
@@ -213,8 +214,14 @@ TEST_F(Listeners, InstallingTwiceIsQuietAndFailuresAreReported) {
 
 TEST_F(Listeners, RemovingAfterTheServerDroppedTheListenerIsQuiet) {
     auto dev = speakers();
+    // Hold the listener queue so the registry cannot re-bind the device (and
+    // install a fresh listener) before the removal below runs.
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    AudioDevice::notificationQueue().async([released] { released.wait(); });
     hw_->restartServer();  // device listeners are gone on the server's side
     dev->removeNotificationListener();
+    release.set_value();
     const auto lines = logsContaining("Probably already removed for this device.");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].level, detail::AudioLogLevel::verbose);
