@@ -92,6 +92,10 @@ class BaseDestination : public std::enable_shared_from_this<BaseDestination> {
         kLineNumber = 1u << 5,
         kDate = 1u << 6,
     };
+    /// Appends "[level] [log id] [thread] [file:line] function " as `flags`
+    /// say: the part of a line between the date and the message.
+    void appendMiddle(const LogDetails& logDetails, unsigned flags, std::string_view thread,
+                      std::string& out) const;
     /// Fixes `option` at `value` for good (call it from the constructor).
     void pinOption(Option option, bool value) {
         pinned_ |= option;

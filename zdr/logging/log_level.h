@@ -43,6 +43,10 @@ std::optional<LogLevel> logLevelNamed(std::string_view name);
 /// copy what you keep (BaseQueuedDestination does when it has a log queue).
 struct LogDetails {
     LogLevel level = LogLevel::debug;
+    /// True when functionName and fileName come from std::source_location:
+    /// static text that never changes, so a destination may remember what it
+    /// made of them by address.
+    bool staticLocation = false;
     /// Wall-clock time of the message. Left at the epoch for filters that are
     /// asked before the message is built (FilterProtocol::decidesBeforeMessage).
     std::chrono::system_clock::time_point date{};

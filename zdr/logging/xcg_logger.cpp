@@ -115,33 +115,58 @@ std::vector<std::shared_ptr<BaseDestination>> XCGLogger::destinations() const {
 }
 
 void XCGLogger::logText(Level level, std::string_view functionName, std::string_view fileName,
-                        long lineNumber, const Dictionary* userInfo, std::string_view message) {
-    logBuilt(level, functionName, fileName, lineNumber, userInfo, &message,
-             [](void* context, std::string& out) {
-                 out.append(*static_cast<std::string_view*>(context));
-             });
+                        long lineNumber, const Dictionary* userInfo, std::string_view message,
+                        bool staticLocation) {
+    logBuilt(
+        level, functionName, fileName, lineNumber, userInfo, &message,
+        [](void* context, std::string& out) {
+            out.append(*static_cast<std::string_view*>(context));
+        },
+        staticLocation);
 }
 
 void XCGLogger::logFormat(Level level, const std::source_location& location,
-                          fmt::string_view format, fmt::format_args args) {
+                          fmt::string_view format, const fmt::format_args& args) {
     struct Context {
         fmt::string_view format;
-        fmt::format_args args;
+        const fmt::format_args& args;
     } context{format, args};
-    logBuilt(level, location.function_name(), location.file_name(), location.line(), nullptr,
-             &context, [](void* c, std::string& out) {
-                 auto* ctx = static_cast<Context*>(c);
-                 // fmt's own buffer grows without zero-filling, unlike a
-                 // string; one copy at the end is cheaper.
-                 fmt::memory_buffer buffer;
-                 fmt::vformat_to(fmt::appender(buffer), ctx->format, ctx->args);
-                 out.append(buffer.data(), buffer.size());
-             });
+    // A source location's names are static: their lengths are remembered for
+    // the last call site of this thread instead of being measured every time.
+    struct Lengths {
+        const char* file = nullptr;
+        std::size_t fileLength = 0;
+        const char* function = nullptr;
+        std::size_t functionLength = 0;
+    };
+    thread_local Lengths lengths;
+    const char* file = location.file_name();
+    const char* function = location.function_name();
+    if (lengths.file != file) {
+        lengths.fileLength = std::char_traits<char>::length(file);
+        lengths.file = file;
+    }
+    if (lengths.function != function) {
+        lengths.functionLength = std::char_traits<char>::length(function);
+        lengths.function = function;
+    }
+    logBuilt(
+        level, {function, lengths.functionLength}, {file, lengths.fileLength}, location.line(),
+        nullptr, &context,
+        [](void* c, std::string& out) {
+            auto* ctx = static_cast<Context*>(c);
+            // fmt's own buffer grows without zero-filling, unlike a
+            // string; one copy at the end is cheaper.
+            fmt::memory_buffer buffer;
+            fmt::vformat_to(fmt::appender(buffer), ctx->format, ctx->args);
+            out.append(buffer.data(), buffer.size());
+        },
+        true);
 }
 
 void XCGLogger::logBuilt(Level level, std::string_view functionName, std::string_view fileName,
                          long lineNumber, const Dictionary* userInfo, void* context,
-                         MessageBuilder build) {
+                         MessageBuilder build, bool staticLocation) {
     if (!isEnabledFor(level)) return;
     const detail::LoggerConfig* config = config_.load(std::memory_order_acquire);
     bool anyDestination = false;
@@ -153,7 +178,11 @@ void XCGLogger::logBuilt(Level level, std::string_view functionName, std::string
     }
     if (!anyDestination) return;
 
-    LogDetails details{level, {}, {}, functionName, fileName, lineNumber, userInfo};
+    // Every field is given: left to its default, the whole struct is first
+    // block-cleared (rep stos), which costs more than the rest of the setup.
+    LogDetails details{level,      staticLocation, std::chrono::system_clock::time_point{},
+                       {},         functionName,   fileName,
+                       lineNumber, userInfo};
     try {
         for (const FilterProtocol* f : config->earlyFilters) {
             if (f->shouldExclude(details, {})) return;

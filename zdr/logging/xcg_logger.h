@@ -144,7 +144,7 @@ class XCGLogger {
                const std::source_location& location = std::source_location::current()) {
         if (shouldLog(level)) {
             logText(level, location.function_name(), location.file_name(), location.line(), nullptr,
-                    message);
+                    message, true);
         }
     }
     /// Writes `message` with an explicit source position and user info (for
@@ -162,7 +162,7 @@ class XCGLogger {
                const std::source_location& location = std::source_location::current()) {
         if (shouldLog(level)) {
             logClosure(level, location.function_name(), location.file_name(), location.line(),
-                       nullptr, closure);
+                       nullptr, closure, true);
         }
     }
     template <LogMessageClosure F>
@@ -195,7 +195,7 @@ class XCGLogger {
               const std::source_location& location = std::source_location::current()) { \
         if (shouldLog(Level::name)) {                                                   \
             logClosure(Level::name, location.function_name(), location.file_name(),     \
-                       location.line(), nullptr, closure);                              \
+                       location.line(), nullptr, closure, true);                        \
         }                                                                               \
     }
     ZDR_XCGLOGGER_LEVEL_FUNCTIONS(verbose)
@@ -212,32 +212,41 @@ class XCGLogger {
     /// Builds the message with `build` (appending to the string it is given)
     /// and writes it, if it passes. The common path of every log call; also
     /// for bridges that format their own way.
+    /// `staticLocation`: the function and file names are static text (from
+    /// std::source_location); see LogDetails::staticLocation.
     using MessageBuilder = void (*)(void* context, std::string& out);
     void logBuilt(Level level, std::string_view functionName, std::string_view fileName,
-                  long lineNumber, const Dictionary* userInfo, void* context, MessageBuilder build);
+                  long lineNumber, const Dictionary* userInfo, void* context, MessageBuilder build,
+                  bool staticLocation = false);
 
     explicit XCGLogger(std::string identifier);
 
  private:
     void logText(Level level, std::string_view functionName, std::string_view fileName,
-                 long lineNumber, const Dictionary* userInfo, std::string_view message);
+                 long lineNumber, const Dictionary* userInfo, std::string_view message,
+                 bool staticLocation = false);
+    // The arguments come by reference: passed by value they would go through
+    // the stack, and reading them back at once stalls on store forwarding.
     void logFormat(Level level, const std::source_location& location, fmt::string_view format,
-                   fmt::format_args args);
+                   const fmt::format_args& args);
 
     template <class F>
     void logClosure(Level level, std::string_view functionName, std::string_view fileName,
-                    long lineNumber, const Dictionary* userInfo, F& closure) {
-        logBuilt(level, functionName, fileName, lineNumber, userInfo, &closure,
-                 [](void* context, std::string& out) {
-                     auto&& result = (*static_cast<F*>(context))();
-                     using R = std::remove_cvref_t<decltype(result)>;
-                     if constexpr (std::same_as<R, std::optional<std::string>>) {
-                         if (!result) throw NoMessage{};
-                         out.append(*result);
-                     } else {
-                         out.append(std::string_view(result));
-                     }
-                 });
+                    long lineNumber, const Dictionary* userInfo, F& closure,
+                    bool staticLocation = false) {
+        logBuilt(
+            level, functionName, fileName, lineNumber, userInfo, &closure,
+            [](void* context, std::string& out) {
+                auto&& result = (*static_cast<F*>(context))();
+                using R = std::remove_cvref_t<decltype(result)>;
+                if constexpr (std::same_as<R, std::optional<std::string>>) {
+                    if (!result) throw NoMessage{};
+                    out.append(*result);
+                } else {
+                    out.append(std::string_view(result));
+                }
+            },
+            staticLocation);
     }
 
  public:

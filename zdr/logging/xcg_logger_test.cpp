@@ -192,6 +192,89 @@ TEST(BaseDestination, ThreadNameIsTheQueueLabelOnAQueue) {
     EXPECT_EQ(lines[1].line.find("[main]"), std::string::npos) << lines[1].line;
 }
 
+// A call site that logs repeatedly has its line prefix remembered per thread;
+// every input to that prefix must still show through.
+TEST(BaseDestination, RepeatedCallSitesStillFollowLevelOptionsAndThread) {
+    Fixture f;
+    f.capture->setShowDate(false);
+    f.capture->setShowThreadName(true);
+    auto site = [&](LogLevel level, int n) { f.logger->log(level, "n={}", n); };
+    const long siteLine = __LINE__ - 1;
+    const std::string at = "[xcg_logger_test.cpp:" + std::to_string(siteLine) + "] ";
+    site(LogLevel::info, 1);
+    site(LogLevel::info, 2);
+    site(LogLevel::error, 3);
+    f.capture->setShowFunctionName(false);
+    site(LogLevel::error, 4);
+    f.capture->setShowLogIdentifier(true);
+    site(LogLevel::error, 5);
+    f.capture->setShowLogIdentifier(false);
+    // Two sites taking turns, and more sites than the thread remembers.
+    for (int i = 0; i < 3; ++i) {
+        f.logger->warning("a{}", i);
+        f.logger->warning("b{}", i);
+    }
+    for (int i = 0; i < 20; ++i) f.logger->log(LogLevel::info, "m{}", i);
+    // One thread (not the main one, which is always "main") running work for
+    // two queues shows each label in turn.
+    DispatchQueue outer("com.example.outer");
+    DispatchQueue inner("com.example.inner");
+    std::thread([&] {
+        outer.sync([&] {
+            site(LogLevel::info, 6);
+            inner.sync([&] { site(LogLevel::info, 7); });
+            site(LogLevel::info, 8);
+        });
+    }).join();
+
+    auto lines = f.capture->lines();
+    ASSERT_EQ(lines.size(), 5u + 6u + 20u + 3u);
+    const std::string function = lines[0].function;
+    EXPECT_EQ(lines[0].line, "[Info] [main] " + at + function + " > n=1");
+    EXPECT_EQ(lines[1].line, "[Info] [main] " + at + function + " > n=2");
+    EXPECT_EQ(lines[2].line, "[Error] [main] " + at + function + " > n=3");
+    EXPECT_EQ(lines[3].line, "[Error] [main] " + at + "> n=4");
+    EXPECT_EQ(lines[4].line, "[Error] [core] [main] " + at + "> n=5");
+    for (int i = 0; i < 3; ++i) {
+        const auto& a = lines[5 + 2 * i];
+        const auto& b = lines[6 + 2 * i];
+        EXPECT_EQ(b.lineNumber, a.lineNumber + 1);
+        EXPECT_NE(a.line.find(":" + std::to_string(a.lineNumber) + "] > a" + std::to_string(i)),
+                  std::string::npos)
+            << a.line;
+        EXPECT_NE(b.line.find(":" + std::to_string(b.lineNumber) + "] > b" + std::to_string(i)),
+                  std::string::npos)
+            << b.line;
+    }
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(lines[11 + i].line.substr(0, 14), "[Info] [main] ");
+        EXPECT_TRUE(lines[11 + i].line.ends_with("> m" + std::to_string(i)));
+    }
+    const std::size_t queued = 31;
+    EXPECT_EQ(lines[queued].line.find("[Info] [com.example.outer] "), 0u) << lines[queued].line;
+    EXPECT_EQ(lines[queued + 1].line.find("[Info] [com.example.inner] "), 0u)
+        << lines[queued + 1].line;
+    EXPECT_EQ(lines[queued + 2].line.find("[Info] [com.example.outer] "), 0u)
+        << lines[queued + 2].line;
+}
+
+// Names given at run time may be rewritten in place between calls; their
+// address says nothing about their text.
+TEST(BaseDestination, RuntimeNamesAreReadAfreshEveryTime) {
+    Fixture f;
+    f.capture->setShowDate(false);
+    std::string function = "first()";
+    std::string file = "/src/aaaa.cpp";
+    f.logger->logln("one", LogLevel::info, function, file, 5);
+    function[0] = 'F';
+    file.replace(5, 4, "bbbb");
+    f.logger->logln("two", LogLevel::info, function, file, 5);
+    auto lines = f.capture->lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].line, "[Info] [aaaa.cpp:5] first() > one");
+    EXPECT_EQ(lines[1].line, "[Info] [bbbb.cpp:5] First() > two");
+}
+
 TEST(XCGLogger, DestinationsAreFoundAddedAndRemoved) {
     auto logger = XCGLogger::make("with.console");
     auto console = logger->destination(XCGLogger::baseConsoleDestinationIdentifier);
