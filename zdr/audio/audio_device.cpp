@@ -470,6 +470,18 @@ std::optional<std::string> findUIDUncached(AudioObjectID deviceID) {
 std::shared_ptr<AudioDevice> AudioDevice::deviceForCoreAudioID(AudioObjectID deviceID) {
     auto& cls = audioDeviceClass();
     std::lock_guard lock(cls.registryLock);
+    // A registered device whose UID is already known for this device list is
+    // found without copying the UID out of the cache.
+    if (const auto generation = cls.hardware->deviceListGeneration()) {
+        std::lock_guard cacheLock(cls.uidCacheMutex);
+        if (cls.uidCacheGeneration == *generation) {
+            if (auto known = cls.uidCache.find(deviceID); known != cls.uidCache.end()) {
+                if (auto it = cls.registry.find(known->second); it != cls.registry.end()) {
+                    return it->second;
+                }
+            }
+        }
+    }
     const auto uid = findUIDForAudioDeviceID(deviceID);
     if (!uid) {
         ZDR_AUDIO_LOG(audio, warning, "Could not find a device uniqueID for device with id: {}",
