@@ -119,14 +119,6 @@ struct SyncWaiter {
     bool released = false;
 };
 
-// An asynchronous barrier that has been handed to the pool but not started.
-// Whoever claims it first runs it: the pool thread, or a sync() caller that
-// would otherwise sit waiting for that thread to wake up.
-struct BarrierTask {
-    std::function<void()> fn;
-    std::atomic<bool> claimed{false};
-};
-
 struct Item {
     std::function<void()> fn;
     bool barrier = false;
@@ -153,7 +145,14 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     std::deque<Item> pending;
     std::size_t running = 0;  // concurrent: non-barrier work running
     bool exclusive = false;   // a barrier (concurrent) or any work (serial) holds the queue
-    std::shared_ptr<BarrierTask> stealable;  // the last barrier handed to the pool
+    // A started asynchronous barrier that nobody runs yet. Whoever takes it
+    // first under m runs it: the pool job below, or a sync() caller that would
+    // otherwise sit waiting for a pool thread to wake up.
+    std::function<void()> stealable;
+    // A pool job is on its way to run `stealable`. Barriers started while it
+    // is still queued ride on the same job, so a writer that is always
+    // overtaken by its readers does not wake a pool thread every time.
+    bool barrierJobQueued = false;
 
     // Main queue only.
     std::condition_variable mainWake;
@@ -217,13 +216,19 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             return;
         }
         if (item.barrier) {
-            auto task = std::make_shared<BarrierTask>();
-            task->fn = std::move(item.fn);
-            stealable = task;
-            ThreadPool::shared().submit([self = shared_from_this(), task] {
-                if (task->claimed.exchange(true)) return;  // a sync() caller ran it
-                self->runBarrierTask(*task);
-            });
+            stealable = std::move(item.fn);
+            if (!barrierJobQueued) {
+                barrierJobQueued = true;
+                ThreadPool::shared().submit([self = shared_from_this()] {
+                    std::unique_lock lock(self->m);
+                    self->barrierJobQueued = false;
+                    if (!self->stealable) return;  // a sync() caller ran it
+                    auto fn = std::move(self->stealable);
+                    self->stealable = nullptr;
+                    lock.unlock();
+                    self->runBarrier(fn);
+                });
+            }
             return;
         }
         bool barrier = item.barrier;
@@ -244,14 +249,21 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             });
     }
 
-    // Runs a claimed barrier on the calling thread and lets the queue go on.
-    void runBarrierTask(BarrierTask& task) {
+    // Runs a taken barrier on the calling thread and lets the queue go on.
+    void runBarrier(std::function<void()>& fn) {
+        std::unique_lock lock(m, std::defer_lock);
+        runBarrier(fn, lock);
+    }
+
+    // The same, leaving `lock` (on m) held afterwards, so that a sync() caller
+    // that ran the barrier goes on without taking m once more.
+    void runBarrier(std::function<void()>& fn, std::unique_lock<std::mutex>& lock) {
         {
             QueueScope scope(this);
-            runGuarded(task.fn, label);
+            runGuarded(fn, label);
         }
-        task.fn = nullptr;
-        std::lock_guard lock(m);
+        fn = nullptr;
+        lock.lock();
         exclusive = false;
         scheduleLocked();
     }
@@ -260,11 +272,10 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     // it here. Returns false when there was nothing to take.
     bool stealBarrier(std::unique_lock<std::mutex>& lock) {
         if (!exclusive || !stealable) return false;
-        auto task = std::move(stealable);
-        if (task->claimed.exchange(true)) return false;
+        auto fn = std::move(stealable);
+        stealable = nullptr;
         lock.unlock();
-        runBarrierTask(*task);
-        lock.lock();
+        runBarrier(fn, lock);
         return true;
     }
 
@@ -301,6 +312,9 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
 
     bool tryEnterInline() {
         if (kind != Kind::concurrent) return false;
+        // A barrier is known to be ahead: go straight to the ordered path
+        // rather than count in and out again (and take m on the way out).
+        if (fast.load(std::memory_order_relaxed) & kSlow) return false;
         std::uint64_t before = fast.fetch_add(1);
         if ((before & kSlow) == 0) {
             tlsQueues.push(this);
@@ -333,6 +347,7 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
         if (exclusiveWork && tlsQueues.contains(this)) fatalDeadlock(label);
 
         SyncWaiter waiter;
+        bool countedInline = false;
         {
             std::unique_lock lock(m);
             if (kind == Kind::concurrent && !tlsQueues.contains(this)) {
@@ -347,6 +362,11 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             if (free) {
                 if (exclusiveWork) {
                     exclusive = true;
+                } else if (kind == Kind::concurrent && (fast.load() & kSlow) == 0) {
+                    // Nothing is queued: become an inline reader, which leaves
+                    // without taking m unless a barrier came in meanwhile.
+                    fast.fetch_add(1);
+                    countedInline = true;
                 } else {
                     ++running;
                 }
@@ -354,6 +374,15 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
                 pending.push_back(Item{nullptr, exclusiveWork, &waiter});
                 waiter.cv.wait(lock, [&] { return waiter.released; });
             }
+        }
+        if (countedInline) {
+            tlsQueues.push(this);
+            struct Leave {
+                QueueImpl* q;
+                ~Leave() { q->leaveInline(); }
+            } leave{this};
+            work();
+            return;
         }
         struct Finish {
             QueueImpl* q;

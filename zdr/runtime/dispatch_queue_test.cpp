@@ -381,6 +381,35 @@ TEST(DispatchQueueConcurrent, AsyncWriteThenReadFromTheSameThreadSeesEveryWrite)
     EXPECT_FALSE(overlap);
 }
 
+TEST(DispatchQueueConcurrent, AsyncBarriersThatNobodyWaitsForAllRunInOrder) {
+    // Barriers queued while the pool job for an earlier one is still on its
+    // way share that job; none may be left behind when no reader comes along
+    // to run it, and readers between them still see every earlier barrier.
+    DispatchQueue q("test.barrierstream", DispatchQueue::Attributes::concurrent);
+    constexpr int kBarriers = 1000;
+    std::vector<int> order;  // written only by barriers
+    std::atomic<int> done{0};
+    std::atomic<int> staleReads{0};
+    for (int i = 0; i < kBarriers; ++i) {
+        q.async(
+            [&, i] {
+                order.push_back(i);
+                done.fetch_add(1);
+            },
+            DispatchFlags::barrier);
+        if (i % 10 == 0) {
+            q.async([&, i] {
+                if (done.load() < i + 1) staleReads++;
+            });
+        }
+    }
+    ASSERT_TRUE(eventually([&] { return done.load() == kBarriers; }));
+    std::vector<int> expected(kBarriers);
+    for (int i = 0; i < kBarriers; ++i) expected[i] = i;
+    EXPECT_EQ(q.sync([&] { return order; }), expected);
+    EXPECT_EQ(staleReads.load(), 0);
+}
+
 }  // namespace
 }  // namespace zdr
 
