@@ -411,7 +411,16 @@ std::optional<std::string> AudioDevice::maybeUUIDForHiddenDevices(AudioObjectID 
 
 namespace {
 std::optional<std::string> findUIDUncached(AudioObjectID deviceID);
+
+// The cached UID of `deviceID` if the cache is for this device list, else
+// null. The caller holds uidCacheMutex.
+const std::string* cachedUIDLocked(const detail::AudioDeviceClassState& cls, AudioObjectID deviceID,
+                                   const std::optional<std::uint64_t>& generation) {
+    if (!generation || cls.uidCacheGeneration != *generation) return nullptr;
+    auto it = cls.uidCache.find(deviceID);
+    return it == cls.uidCache.end() ? nullptr : &it->second;
 }
+}  // namespace
 
 std::optional<std::string> AudioDevice::findUIDForAudioDeviceID(AudioObjectID deviceID) {
     // The answer depends only on the device list, the hidden device's
@@ -421,10 +430,7 @@ std::optional<std::string> AudioDevice::findUIDForAudioDeviceID(AudioObjectID de
     const auto generation = cls.hardware->deviceListGeneration();
     if (generation) {
         std::lock_guard lock(cls.uidCacheMutex);
-        if (cls.uidCacheGeneration == *generation) {
-            auto it = cls.uidCache.find(deviceID);
-            if (it != cls.uidCache.end()) return it->second;
-        }
+        if (const auto* known = cachedUIDLocked(cls, deviceID, generation)) return *known;
     }
     auto uid = findUIDUncached(deviceID);
     if (generation && uid) {
@@ -474,12 +480,8 @@ std::shared_ptr<AudioDevice> AudioDevice::deviceForCoreAudioID(AudioObjectID dev
     // found without copying the UID out of the cache.
     if (const auto generation = cls.hardware->deviceListGeneration()) {
         std::lock_guard cacheLock(cls.uidCacheMutex);
-        if (cls.uidCacheGeneration == *generation) {
-            if (auto known = cls.uidCache.find(deviceID); known != cls.uidCache.end()) {
-                if (auto it = cls.registry.find(known->second); it != cls.registry.end()) {
-                    return it->second;
-                }
-            }
+        if (const auto* known = cachedUIDLocked(cls, deviceID, generation)) {
+            if (auto it = cls.registry.find(*known); it != cls.registry.end()) return it->second;
         }
     }
     const auto uid = findUIDForAudioDeviceID(deviceID);
