@@ -9,6 +9,11 @@ packages=(
     nlohmann-json3-dev libpulse-dev libsystemd-dev libcurl4-openssl-dev libspdlog-dev libfmt-dev
     systemtap-sdt-dev
     pulseaudio pulseaudio-utils
+    pipewire pipewire-pulse wireplumber dbus-daemon
+    xvfb libx11-dev libxrandr-dev edid-decode libproc2-dev
+    libpcre2-dev libicu-dev libutf8proc-dev libpango1.0-dev
+    libcpp-httplib-dev
+    clang
     python3 libglib2.0-dev
 )
 
