@@ -66,3 +66,19 @@ function(zdr_use_pkg target prefix module)
     set_property(GLOBAL APPEND PROPERTY ZDR_PC_REQUIRES ${module})
     set_property(GLOBAL APPEND PROPERTY ZDR_PC_CMAKE_MODULES "${prefix}=${module}")
 endfunction()
+
+# zdr_add_fuzzer(<name> SOURCES ... LIBS ...)
+# A libFuzzer target (a source file defining LLVMFuzzerTestOneInput), built only
+# with -DZDR_BUILD_FUZZERS=ON under clang (preset `fuzz`). Every fuzzer lands in
+# <build>/fuzzers/, where scripts/fuzz.sh finds and runs it for a bounded time.
+function(zdr_add_fuzzer name)
+    if(NOT ZDR_BUILD_FUZZERS)
+        return()
+    endif()
+    cmake_parse_arguments(A "" "" "SOURCES;LIBS" ${ARGN})
+    add_executable(${name} ${A_SOURCES})
+    target_link_libraries(${name} PRIVATE ${A_LIBS})
+    target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/fuzzers)
+endfunction()
