@@ -84,10 +84,30 @@ void ZDRMovingAverage2::setSamples(std::vector<double> samples) {
 }
 
 void ZDRMovingAverage2::addSample(double value) {
-    std::weak_ptr<ZDRMovingAverage2> weak = weak_from_this();
-    lock_.asyncWrite([weak = std::move(weak), value] {
-        if (auto self = weak.lock()) self->store(value);
+    std::lock_guard lock(pendingMutex_);
+    pending_.push_back(value);
+    // A write already submitted and not yet started takes this sample too, and
+    // anything read after this call waits for that write, so order and
+    // visibility are as with one write per sample. The flag is raised and the
+    // write submitted under one lock: a sample that sees the flag must find
+    // the write already queued ahead of the caller's next read.
+    if (applyScheduled_) return;
+    applyScheduled_ = true;
+    lock_.asyncWrite([weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->applyPending();
     });
+}
+
+void ZDRMovingAverage2::applyPending() {
+    {
+        // Swapping keeps both buffers' capacity, so a steady producer stops
+        // allocating.
+        std::lock_guard lock(pendingMutex_);
+        applying_.swap(pending_);
+        applyScheduled_ = false;
+    }
+    for (double value : applying_) store(value);
+    applying_.clear();
 }
 
 void ZDRMovingAverage2::store(double value) {

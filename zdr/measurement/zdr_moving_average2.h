@@ -12,8 +12,10 @@
 // Threads: every member may be called from any thread. addSample() returns at
 // once and is applied later as a barrier write on the object's DispatchLock
 // ("MovingAverage2"); average(), sum() and samples() wait for every sample
-// submitted before them. If the object is gone by the time a submitted sample
-// is applied, nothing happens. The publishers deliver on the main queue (the
+// submitted before them. Samples that arrive while such a write is still
+// waiting to run join it instead of queueing one write each, so a fast
+// producer does not flood the lock. If the object is gone by the time a
+// submitted sample is applied, nothing happens. The publishers deliver on the main queue (the
 // host's loop drains it) and keep the object alive while subscribed.
 //
 // Create it with make(): the object must be owned by a std::shared_ptr.
@@ -22,6 +24,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "zdr/runtime/publisher.h"
@@ -66,11 +69,17 @@ class ZDRMovingAverage2 : public std::enable_shared_from_this<ZDRMovingAverage2>
     AnyPublisher<double> sumPublisher(double frequency);
 
  private:
+    void applyPending();
     void store(double value);
 
     std::atomic<std::int64_t> period_{5};
     DispatchLock lock_{"MovingAverage2"};
-    std::vector<double> samples_;
+    std::vector<double> samples_;   // guarded by lock_
+    std::vector<double> applying_;  // guarded by lock_
+
+    std::mutex pendingMutex_;
+    std::vector<double> pending_;  // submitted, not yet stored
+    bool applyScheduled_ = false;  // a barrier write will take pending_
 };
 
 }  // namespace zdr

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <thread>
 
@@ -66,6 +67,28 @@ TEST(MovingAverageTest, SamplesFromManyThreadsAreAllApplied) {
     for (auto& t : threads) t.join();
     EXPECT_EQ(average->samples().size(), 1000u);
     EXPECT_DOUBLE_EQ(average->sum(), 1000.0);
+}
+
+TEST(MovingAverageTest, EveryReadSeesTheSamplesAddedBeforeIt) {
+    // Large enough that no slot is ever overwritten in this test.
+    auto average = ZDRMovingAverage2::make(10000000);
+    // A second producer keeps writes in flight, so this thread's samples often
+    // join a write that is already on its way.
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        for (int i = 0; i < 200000 && !stop; ++i) average->addSample(0.0);
+    });
+    double expected = 0.0;
+    int mismatches = 0;
+    for (int i = 1; i <= 300; ++i) {
+        average->addSample(i);
+        expected += i;
+        if (average->sum() != expected) ++mismatches;
+    }
+    stop = true;
+    other.join();
+    EXPECT_EQ(mismatches, 0);
+    EXPECT_DOUBLE_EQ(average->sum(), 300.0 * 301.0 / 2.0);
 }
 
 TEST(MovingAverageTest, ASampleForAnObjectAlreadyGoneIsDropped) {
