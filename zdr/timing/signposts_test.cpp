@@ -123,6 +123,31 @@ TEST(SignpostDisabledTest, WithoutListenersNothingIsEmittedAndNothingFails) {
     EXPECT_EQ(ZDR_OSSignposting::installRecorder(nullptr), buffer);
 }
 
+// A tracer raises a probe's semaphore; the marker is then emitted even with no
+// recorder installed, which shows in the identifiers it takes.
+TEST(SignpostDisabledTest, ARaisedSemaphoreEnablesItsProbe) {
+    if (tracerAttached()) GTEST_SKIP() << "a tracer is attached to this process";
+    ZDR_OSSignposting::installRecorder(nullptr);
+    const auto quiet0 = ZDR_OSSignposting::makeIdentifier().id;
+    ZDR_OSSignposting::emitEvent("quiet");
+    const auto quiet1 = ZDR_OSSignposting::makeIdentifier().id;
+    EXPECT_EQ(quiet1, quiet0 + 1);
+
+    SCKitAudio_event_semaphore = 1;
+    ZDR_OSSignposting::emitEvent("traced");
+    SCKitAudio_event_semaphore = 0;
+    EXPECT_EQ(ZDR_OSSignposting::makeIdentifier().id, quiet1 + 2);
+
+    SCKitAudio_interval_begin_semaphore = 1;
+    auto interval = ZDR_OSSignposting::makeIdentifier().beginInterval("traced");
+    SCKitAudio_interval_begin_semaphore = 0;
+    EXPECT_TRUE(interval.isOpen());
+    SCKitAudio_interval_end_semaphore = 1;
+    interval.endInterval();
+    SCKitAudio_interval_end_semaphore = 0;
+    EXPECT_FALSE(interval.isOpen());
+}
+
 TEST(SignpostConstantsTest, Subsystem) {
     EXPECT_STREQ(ZDR_OSSignposting_Constants::signPoster().subsystem, "SCKitAudio");
     EXPECT_STREQ(ZDR_OSSignposting_Constants::signPoster().category, "PointsOfInterest");
