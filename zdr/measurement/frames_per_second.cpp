@@ -27,8 +27,8 @@ extern "C" double calculateFramesPerSecondWithWeighting(uint64_t* lastTime, doub
     const double seconds = static_cast<double>(elapsed) / ZDR_USECONDS_TIMESCALE;
     double result = 0.0;
     if (seconds > 0.0) {
-        // One fused multiply-add, as the original computes it: the rounding
-        // matches its rates to the last bit.
+        // One fused multiply-add, as the macOS build computes it, so that both
+        // report the same rate to the last bit.
         result = std::fma(previousFps, weighting, (1.0 - weighting) * (1.0 / seconds));
     }
     *lastTime = now;

@@ -13,7 +13,7 @@
  * previous stamp. The first frame (*lastTime == 0), a frame at the same tick
  * as the previous one, and a null lastTime answer 0.0. calculateFramesPerSecond
  * weighs the previous rate with 0.8999999761581421 (0.9 in single precision,
- * kept exactly so that rates match those of the original component).
+ * kept exactly so that rates match those of the macOS build).
  *
  * Threads: any thread, but one lastTime cell must be used by one thread at a
  * time.

@@ -112,8 +112,8 @@ void ZDRMovingAverage2::applyPending() {
 
 void ZDRMovingAverage2::store(double value) {
     const std::size_t n = samples_.size();
-    // The slot is computed in single precision and truncated, exactly as the
-    // original did; the odd slot pattern that results is relied on.
+    // The slot is computed in single precision and truncated, as the macOS
+    // build does; applications rely on the odd slot pattern that results.
     const float slot = std::fmod(static_cast<float>(n + 1), static_cast<float>(period()));
     if (!std::isfinite(slot) || slot >= 9223372036854775807.0f || slot < -9223372036854775808.0f) {
         detail::fatalError("ZDRMovingAverage2: period " + std::to_string(period()) +

@@ -1,8 +1,8 @@
 // ZDRMovingAverage2: a small moving average for live level and rate displays,
 // with publishers that sample it on the main queue for a user interface.
 //
-// Samples go into a fixed set of slots by a deliberate rule kept from the
-// original component: with period p the first p - 1 samples are appended,
+// Samples go into a fixed set of slots by a deliberate rule shared with the
+// macOS build: with period p the first p - 1 samples are appended,
 // and every later sample overwrites slot 0, so slots 1 ... p - 2 keep the
 // second to (p - 1)-th samples ever added and average() divides by p - 1.
 // With period 5, the samples 1, 2, 3, 4, 10 leave [10, 2, 3, 4] and an
