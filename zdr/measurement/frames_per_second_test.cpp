@@ -59,6 +59,15 @@ TEST_F(FramesPerSecondTest, WeightingIsTheSinglePrecisionNinetyPercent) {
     EXPECT_NEAR(calculateFramesPerSecondWithWeighting(&last, 30.0, 0.5), 16.0, 1e-12);
 }
 
+TEST_F(FramesPerSecondTest, PreviousRateIsFusedOntoTheNewInterval) {
+    uint64_t last = 0;
+    calculateFramesPerSecond(&last, 0.0);
+    ticks += 3000;  // half a second: the new interval weighs (1 - 1.5) * 2 = -1 exactly
+    // 2/3 * 1.5 is 1 - 2^-54 exactly; rounded on its own it would be 1 and the
+    // answer 0. One fused multiply-add keeps the difference.
+    EXPECT_EQ(calculateFramesPerSecondWithWeighting(&last, 2.0 / 3.0, 1.5), -0x1p-54);
+}
+
 TEST_F(FramesPerSecondTest, SameTickAndNullAnswerZero) {
     uint64_t last = 0;
     calculateFramesPerSecond(&last, 0.0);
