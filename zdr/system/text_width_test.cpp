@@ -1,0 +1,56 @@
+#include "zdr/system/text_width.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zdr {
+namespace {
+
+class TextWidth : public ::testing::Test {
+ protected:
+    void SetUp() override {
+        if (!textMeasuringAvailable()) GTEST_SKIP() << "built without a text stack";
+    }
+};
+
+TEST_F(TextWidth, GrowsWithTextAndFontSize) {
+    EXPECT_EQ(widthOfString("", "Sans 12"), 0.0);
+    const double w = widthOfString("W", "Sans 12");
+    const double www = widthOfString("WWW", "Sans 12");
+    EXPECT_GT(w, 0.0);
+    EXPECT_NEAR(www, 3 * w, 1.0);
+    EXPECT_GT(widthOfString("WWWW", "Sans 12"), widthOfString("iiii", "Sans 12"));
+    const double big = widthOfString("Recording", "Sans 24");
+    const double small = widthOfString("Recording", "Sans 12");
+    EXPECT_NEAR(big / small, 2.0, 0.25);
+}
+
+TEST_F(TextWidth, MonospaceCharactersAreEqual) {
+    EXPECT_NEAR(widthOfString("iiiiiiii", "Monospace 10"),
+                widthOfString("WWWWWWWW", "Monospace 10"), 0.5);
+}
+
+TEST_F(TextWidth, BadTextAndBadFontsStillMeasure) {
+    EXPECT_GT(widthOfString(std::string("ab\xff\xfe", 4), "Sans 12"), 0.0);
+    EXPECT_GT(widthOfString("Ελλάδα 日本", "No Such Family 12"), 0.0);
+    EXPECT_GE(widthOfString("abc", ""), 0.0);
+}
+
+TEST_F(TextWidth, ConcurrentCallsAgree) {
+    const double expected = widthOfString("Concurrent", "Sans 11");
+    std::vector<std::thread> threads;
+    std::vector<double> seen(4);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 20; ++i) seen[t] = widthOfString("Concurrent", "Sans 11");
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (double w : seen) EXPECT_EQ(w, expected);
+}
+
+}  // namespace
+}  // namespace zdr
