@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <unordered_set>
 
@@ -146,6 +147,58 @@ TEST(BookmarkRecord, DecoderRejectsHostileFieldsAndSkipsUnknownOnes) {
     auto decoded = detail::decodeBookmark(unknown, nullptr);
     ASSERT_TRUE(decoded);
     EXPECT_EQ(decoded->path, "/a");
+}
+
+TEST(BookmarkRecord, MutatedRecordsDecodeOrFailCleanly) {
+    // A bounded, seeded fuzz of the decoder that runs with every test run
+    // (and under the sanitizers); the libFuzzer target goes further.
+    BookmarkRecord record;
+    record.path = "/home/me/Videos/clip.mov";
+    record.device = 2049;
+    record.inode = 777;
+    record.fileType = 0100000;
+    record.size = 12;
+    record.birthTime = detail::BirthTime{1700000000, 999};
+    record.fileHandle = detail::FileHandle{1, 2, std::vector<std::uint8_t>(8, 7)};
+    record.machineID = "abc";
+    const auto valid = detail::encodeBookmark(record);
+    std::mt19937 random(1234);
+    int decoded = 0;
+    for (int round = 0; round < 20000; ++round) {
+        auto bytes = valid;
+        const int edits = 1 + static_cast<int>(random() % 4);
+        for (int e = 0; e < edits; ++e) {
+            switch (random() % 4) {
+                case 0:
+                    bytes[random() % bytes.size()] = static_cast<std::uint8_t>(random());
+                    break;
+                case 1:
+                    bytes.resize(random() % (bytes.size() + 1));
+                    break;
+                case 2:
+                    bytes.insert(bytes.begin() + static_cast<long>(random() % (bytes.size() + 1)),
+                                 static_cast<std::uint8_t>(random()));
+                    break;
+                default:
+                    if (!bytes.empty())
+                        bytes.erase(bytes.begin() + static_cast<long>(random() % bytes.size()));
+                    break;
+            }
+            if (bytes.empty()) break;
+        }
+        Error error;
+        auto result = detail::decodeBookmark(bytes, &error);
+        if (!result) {
+            ASSERT_FALSE(error.localizedDescription().empty());
+            continue;
+        }
+        ++decoded;
+        ASSERT_EQ(detail::decodeBookmark(detail::encodeBookmark(*result), nullptr), result);
+        ASSERT_EQ(result->path.front(), '/');
+    }
+    // Some single-byte changes inside values still decode; most edits do not.
+    EXPECT_GT(decoded, 0);
+    EXPECT_LT(decoded, 20000);
 }
 
 TEST(BookmarkRecord, Base64RoundTripsAndRejectsGarbage) {
