@@ -15,7 +15,8 @@ class LogCapture {
  public:
     explicit LogCapture(std::shared_ptr<XCGLogger> logger)
         : logger_(std::move(logger)),
-          capture_(std::make_shared<CaptureDestination>("system.test.capture")) {
+          capture_(std::make_shared<CaptureDestination>("system.test.capture")),
+          oldLevel_(logger_->outputLevel()) {
         capture_->setOutputLevel(LogLevel::verbose);
         logger_->setOutputLevel(LogLevel::verbose);
         logger_->add(capture_);
@@ -24,6 +25,7 @@ class LogCapture {
     }
     ~LogCapture() {
         logger_->remove(capture_);
+        logger_->setOutputLevel(oldLevel_);
         Logging::shared()->loggingEnabled(logger_->identifier(), false);
         settle();
     }
@@ -43,6 +45,7 @@ class LogCapture {
  private:
     std::shared_ptr<XCGLogger> logger_;
     std::shared_ptr<CaptureDestination> capture_;
+    LogLevel oldLevel_;
 };
 
 }  // namespace zdr::testing
