@@ -1,8 +1,8 @@
 // The bookmark record's encoder and decoder, and base64 for its text forms.
 // (base64 is written here because none of the libraries this one links
 // offers it; it is a few lines.)
+#include <algorithm>
 #include <cstring>
-#include <set>
 
 #include "zdr/system/bookmark_record_internal.h"
 
@@ -122,7 +122,10 @@ std::optional<BookmarkRecord> decodeBookmark(std::span<const std::uint8_t> data,
 
     BookmarkRecord record;
     bool havePath = false;
-    std::set<std::uint16_t> seen;
+    // Tags seen so far: a bit for the small ones, a short list for the rest
+    // (a record has at most kBookmarkMaxFields fields).
+    std::uint64_t seenSmall = 0;
+    std::vector<std::uint16_t> seenLarge;
     std::size_t at = 8;
     for (std::size_t i = 0; i < count; ++i) {
         if (data.size() - at < 6) return fail(malformed("it is truncated"));
@@ -132,7 +135,15 @@ std::optional<BookmarkRecord> decodeBookmark(std::span<const std::uint8_t> data,
         if (length > data.size() - at) return fail(malformed("it is truncated"));
         const auto value = data.subspan(at, length);
         at += length;
-        if (!seen.insert(tag).second) return fail(malformed("a field appears twice"));
+        bool repeated = false;
+        if (tag < 64) {
+            repeated = (seenSmall & (std::uint64_t{1} << tag)) != 0;
+            seenSmall |= std::uint64_t{1} << tag;
+        } else {
+            repeated = std::find(seenLarge.begin(), seenLarge.end(), tag) != seenLarge.end();
+            seenLarge.push_back(tag);
+        }
+        if (repeated) return fail(malformed("a field appears twice"));
         auto needLength = [&](std::size_t n) { return length == n; };
         switch (static_cast<BookmarkTag>(tag)) {
             case BookmarkTag::path: {

@@ -98,7 +98,7 @@ std::optional<Resolution> resolveBookmarkRecord(const BookmarkRecord& record, Er
                                                 const ResolveOptions& options = {});
 
 /// The machine's identifier (/etc/machine-id), or none.
-std::optional<std::string> localMachineID();
+const std::optional<std::string>& localMachineID();
 
 std::string base64Encode(std::span<const std::uint8_t> bytes);
 std::optional<std::vector<std::uint8_t>> base64Decode(std::string_view text);

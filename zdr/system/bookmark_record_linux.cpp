@@ -185,7 +185,7 @@ std::optional<std::string> resolveBySearch(const BookmarkRecord& record,
 
 }  // namespace
 
-std::optional<std::string> localMachineID() {
+const std::optional<std::string>& localMachineID() {
     // Read once: the machine does not change under a running process, and
     // resolution should cost little more than a stat.
     static const std::optional<std::string> id = []() -> std::optional<std::string> {
@@ -244,7 +244,7 @@ std::optional<BookmarkRecord> makeBookmarkRecord(const std::string& path, Error*
 
 std::optional<Resolution> resolveBookmarkRecord(const BookmarkRecord& record, Error* error,
                                                 const ResolveOptions& options) {
-    const auto local = localMachineID();
+    const auto& local = localMachineID();
     const bool sameMachine = !(record.machineID && local && *record.machineID != *local);
     const bool knowsIdentity = record.device.has_value() && record.inode.has_value();
 
