@@ -38,6 +38,8 @@ NameParts splitName(std::string_view name) {
     return {name.substr(0, dot), name.substr(dot + 1)};
 }
 
+constexpr std::size_t kJitThreshold = 256;
+
 struct CodeDeleter {
     void operator()(pcre2_code* code) const { pcre2_code_free(code); }
 };
@@ -92,9 +94,9 @@ std::optional<long> nextHighestNumberFor(std::string_view filename,
                       PCRE2_CASELESS | PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF, &errorCode,
                       &errorOffset, nullptr));
     if (!code) return std::nullopt;
-    // Compiled once per call, to machine code where the platform allows; a
-    // folder of thousands of names then costs little more than listing it.
-    (void)pcre2_jit_compile(code.get(), PCRE2_JIT_COMPLETE);
+    // Compiled once per call; for a large folder also to machine code (where
+    // the platform allows), which costs more than it saves on a few names.
+    if (content.size() >= kJitThreshold) (void)pcre2_jit_compile(code.get(), PCRE2_JIT_COMPLETE);
     std::unique_ptr<pcre2_match_data, MatchDataDeleter> match(
         pcre2_match_data_create_from_pattern(code.get(), nullptr));
     if (!match) return std::nullopt;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -11,13 +13,19 @@ namespace zdr {
 namespace {
 
 // Prints a double the way the original platform prints one inside a size:
-// shortest round-trip digits, always with a fraction part.
+// shortest round-trip digits, always with a fraction part. (Built in a
+// buffer: GCC 12 at -O3 warns falsely about appending to a short string.)
 std::string printDouble(double value) {
     if (std::isnan(value)) return "nan";
     if (std::isinf(value)) return value < 0 ? "-inf" : "inf";
-    std::string text = fmt::format("{}", value);
-    if (text.find_first_of(".e") == std::string::npos) text += ".0";
-    return text;
+    char buffer[64];
+    auto end = fmt::format_to_n(buffer, sizeof buffer - 3, "{}", value).out;
+    std::string_view digits(buffer, static_cast<std::size_t>(end - buffer));
+    if (digits.find_first_of(".e") == std::string_view::npos) {
+        *end++ = '.';
+        *end++ = '0';
+    }
+    return std::string(buffer, static_cast<std::size_t>(end - buffer));
 }
 
 std::string formatWithAccuracy(double value, int fractionDigits) {
@@ -27,14 +35,15 @@ std::string formatWithAccuracy(double value, int fractionDigits) {
     // printf rounds the exact binary value and breaks ties to even, as a
     // decimal formatter with a maximum digit count does.
     char buffer[400];
-    std::snprintf(buffer, sizeof buffer, "%.*f", fractionDigits, value);
-    std::string text = buffer;
-    if (auto dot = text.find('.'); dot != std::string::npos) {
-        while (text.back() == '0') text.pop_back();
-        if (text.back() == '.') text.pop_back();
+    int n = std::snprintf(buffer, sizeof buffer, "%.*f", fractionDigits, value);
+    if (n <= 0) return "0";
+    std::size_t length = std::min(static_cast<std::size_t>(n), sizeof buffer - 1);
+    if (std::memchr(buffer, '.', length) != nullptr) {
+        while (buffer[length - 1] == '0') --length;
+        if (buffer[length - 1] == '.') --length;
     }
-    if (text == "-0") text = "0";
-    return text;
+    if (length == 2 && buffer[0] == '-' && buffer[1] == '0') return "0";
+    return std::string(buffer, length);
 }
 
 }  // namespace
@@ -98,7 +107,7 @@ std::optional<DescribedFrameSize> DescribedFrameSize::fromJSON(const nlohmann::j
 }
 
 std::string sizeDescription(Size size) {
-    return "(" + printDouble(size.width) + ", " + printDouble(size.height) + ")";
+    return fmt::format("({}, {})", printDouble(size.width), printDouble(size.height));
 }
 
 std::optional<DescribedFrameSize> closestDescribedFrameSize(Size size) {
