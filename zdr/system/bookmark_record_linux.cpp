@@ -26,6 +26,10 @@ std::string errnoText(int code) {
     return ::strerror_r(code, buffer, sizeof buffer);
 }
 
+std::uint64_t deviceNumber(dev_t device) {
+    return (static_cast<std::uint64_t>(major(device)) << 32) | minor(device);
+}
+
 struct Identity {
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
@@ -129,6 +133,13 @@ std::optional<std::string> searchBelow(const BookmarkRecord& record, const std::
         queue.pop_front();
         FdCloser dirfd{::open(folder.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
         if (dirfd.fd < 0) continue;
+        // A rename never leaves its file system: mounted folders (/proc, a
+        // network share) are not searched.
+        struct stat folderStat {};
+        if (::fstat(dirfd.fd, &folderStat) != 0 ||
+            deviceNumber(folderStat.st_dev) != *record.device) {
+            continue;
+        }
         std::unique_ptr<DIR, int (*)(DIR*)> dir(::fdopendir(::dup(dirfd.fd)), &::closedir);
         if (!dir) continue;
         const std::string prefix = folder.path == "/" ? "/" : folder.path + "/";
@@ -166,11 +177,7 @@ std::optional<std::string> resolveBySearch(const BookmarkRecord& record,
     std::size_t budget = options.searchLimit;
     std::string searched;
     for (int level = 0; level <= options.searchUpLevels && budget > 0; ++level) {
-        struct stat st {};
-        // The file cannot have left its file system by a rename.
-        if (::stat(start.c_str(), &st) == 0 && record.device &&
-            ((static_cast<std::uint64_t>(major(st.st_dev)) << 32) | minor(st.st_dev)) ==
-                *record.device) {
+        if (record.device) {
             if (auto found =
                     searchBelow(record, start.string(), searched, options.searchDepth, budget)) {
                 return found;
