@@ -72,7 +72,10 @@ TEST(NextHighestNumber, InvalidUTF8NamesNeverBreakTheMatch) {
     std::vector<std::string> names = {std::string("\xff\xfeRec 4.mov"),
                                       std::string("Rec \xc3\x28 9.mov"), "Rec 2.mov"};
     EXPECT_EQ(nextHighestNumberFor("Rec.mov", names), 5);
-    EXPECT_EQ(nextHighestNumberFor(std::string("R\xff" "ec.mov"), names), std::nullopt);
+    EXPECT_EQ(nextHighestNumberFor(std::string("R\xff"
+                                               "ec.mov"),
+                                   names),
+              std::nullopt);
 }
 
 TEST(NextHighestNumberDeathTest, OverflowStopsTheProgram) {
