@@ -22,9 +22,9 @@
 // A server that refuses the connection or goes away mid-query, and EDIDs that
 // are short, corrupt or hostile, are logged and give what could be read
 // (fewer screens, or a screen without EDID numbers); they never stop the
-// process. While the X provider queries, it routes Xlib's error handlers
-// through its own (for its own connection only; errors on the host's
-// connections go on to the host's handlers).
+// process. While the X provider queries, Xlib's process-wide error handlers
+// are its own, answering for the querying thread only; errors on the host's
+// connections meanwhile go on to the host's handlers.
 //
 // Threads: any; each query opens its own connection.
 #pragma once

@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "zdr/system/edid_test_support.h"
 #include "zdr/testing/xvfb_fixture.h"
@@ -171,6 +175,32 @@ TEST_F(X11ScreensTest, AServerThatIsGoneGivesNoScreens) {
     EXPECT_EQ(provider->query(), std::nullopt);
     EXPECT_TRUE(provider->screens().empty());
     EXPECT_EQ(Screen::findScreenWithCGDisplayId(*provider, 1), nullptr);
+}
+
+TEST_F(X11ScreensTest, AServerDyingWhileQueriedDoesNotStopTheProcess) {
+    auto provider = std::make_shared<X11ScreenProvider>(server().displayName());
+    std::atomic<bool> stop{false};
+    std::atomic<int> rounds{0};
+    std::thread querying([&] {
+        while (!stop) {
+            provider->screens();
+            ++rounds;
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (rounds < 5 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ::kill(server().pid(), SIGKILL);  // mid-query, most likely
+    const int seen = rounds;
+    while (rounds < seen + 5 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    stop = true;
+    querying.join();
+    server().stop();
+    EXPECT_GE(rounds, seen + 5);
+    EXPECT_TRUE(provider->screens().empty());
 }
 
 TEST(X11ScreenProviderTest, ARefusedDisplayIsNoScreens) {

@@ -1,10 +1,22 @@
 // Screens from an X server through RandR.
+//
+// Xlib ends the process when a connection breaks: its I/O error handler may
+// not return. A library must not let a display server that goes away stop its
+// host, so the query runs between setjmp and our I/O error handler's longjmp.
+// Only plain data lives in the frames that the jump leaves (rawQuery and
+// collect use no objects with destructors); what Xlib had allocated for the
+// dead connection is abandoned, and its socket is closed.
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/Xrandr.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <csetjmp>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "zdr/logging/shared2.h"
@@ -14,84 +26,158 @@ namespace zdr {
 
 namespace {
 
-// Xlib's error handlers are process-wide. Ours is installed for the length of
-// a query, under this lock, and answers only for the connection the query
-// thread opened; anything else goes to the handler that was there before.
+constexpr int kMaxMonitors = 64;
+constexpr int kMaxEdidBytes = 512;  // the base block and three extensions
+
+struct RawMonitor {
+    std::uint32_t displayID;
+    int x, y, width, height;
+    bool primary;
+    char name[64];
+    int edidLength;  // 0: none; -1: the property is not 8-bit integers
+    unsigned char edid[kMaxEdidBytes];
+};
+
+struct RawQuery {
+    int count;
+    bool truncated;
+    RawMonitor monitors[kMaxMonitors];
+};
+
+// Xlib's error handlers are process-wide. Ours are installed for the length
+// of a query, under this lock, and answer only on the thread that queries;
+// anything else goes to the handler that was there before.
 std::mutex gHandlerMutex;
-thread_local Display* tQueryDisplay = nullptr;
-thread_local bool tIOFailed = false;
-XErrorHandler gPreviousErrorHandler = nullptr;
-XIOErrorHandler gPreviousIOErrorHandler = nullptr;
+std::atomic<XErrorHandler> gPreviousErrorHandler{nullptr};
+std::atomic<XIOErrorHandler> gPreviousIOErrorHandler{nullptr};
+thread_local std::jmp_buf* tJump = nullptr;
+thread_local Display* tBrokenDisplay = nullptr;
+thread_local int tProtocolErrors = 0;
 
 int onXError(Display* display, XErrorEvent* event) {
-    if (display == tQueryDisplay) {
-        char text[128] = {};
-        XGetErrorText(display, event->error_code, text, sizeof text);
-        Shared2::geometry()->warning("X server refused a screen query (request {}.{}): {}",
-                                     int(event->request_code), int(event->minor_code), text);
+    if (tJump) {
+        // An output that vanished between listing and reading it: skipped.
+        ++tProtocolErrors;
         return 0;
     }
-    return gPreviousErrorHandler ? gPreviousErrorHandler(display, event) : 0;
+    const XErrorHandler previous = gPreviousErrorHandler.load();
+    return previous ? previous(display, event) : 0;
 }
 
 int onXIOError(Display* display) {
-    if (display == tQueryDisplay) {
-        tIOFailed = true;
-        return 0;
+    if (tJump) {
+        tBrokenDisplay = display;
+        std::longjmp(*tJump, 1);
     }
-    return gPreviousIOErrorHandler ? gPreviousIOErrorHandler(display) : 0;
+    const XIOErrorHandler previous = gPreviousIOErrorHandler.load();
+    return previous ? previous(display) : 0;
 }
 
-// Called instead of exit() when our connection breaks: returning lets the
-// query unwind with what it has.
-void onXIOErrorExit(Display*, void*) { tIOFailed = true; }
+void copyName(Display* display, Atom atom, char* out, std::size_t size) {
+    out[0] = '\0';
+    if (atom == None) return;
+    char* name = XGetAtomName(display, atom);
+    if (!name) return;
+    std::strncpy(out, name, size - 1);
+    out[size - 1] = '\0';
+    XFree(name);
+}
 
-class HandlerScope {
- public:
-    explicit HandlerScope(Display* display) : lock_(gHandlerMutex) {
-        tQueryDisplay = display;
-        tIOFailed = false;
-        gPreviousErrorHandler = XSetErrorHandler(onXError);
-        gPreviousIOErrorHandler = XSetIOErrorHandler(onXIOError);
-        XSetIOErrorExitHandler(display, onXIOErrorExit, nullptr);
-    }
-    ~HandlerScope() {
-        XSetErrorHandler(gPreviousErrorHandler);
-        XSetIOErrorHandler(gPreviousIOErrorHandler);
-        tQueryDisplay = nullptr;
-    }
-
- private:
-    std::lock_guard<std::mutex> lock_;
-};
-
-std::optional<EdidInfo> outputEdid(Display* display, RROutput output, Atom edidAtom,
-                                   const std::string& outputName) {
+void readEdid(Display* display, RROutput output, Atom edidAtom, RawMonitor& monitor) {
     Atom type = None;
     int format = 0;
     unsigned long count = 0, after = 0;
     unsigned char* data = nullptr;
-    const int rc = XRRGetOutputProperty(display, output, edidAtom, 0, 256, False, False,
-                                        AnyPropertyType, &type, &format, &count, &after, &data);
-    std::optional<EdidInfo> info;
-    if (rc == Success && data && type == XA_INTEGER && format == 8 && count > 0) {
-        std::string error;
-        info = parseEdid(std::span<const std::uint8_t>(data, count), &error);
-        if (!info) {
-            Shared2::geometry()->warning("Ignoring the EDID of output {}: {}", outputName, error);
+    monitor.edidLength = 0;
+    const int rc =
+        XRRGetOutputProperty(display, output, edidAtom, 0, kMaxEdidBytes / 4, False, False,
+                             AnyPropertyType, &type, &format, &count, &after, &data);
+    if (rc == Success && data && count > 0) {
+        if (type == XA_INTEGER && format == 8) {
+            monitor.edidLength = static_cast<int>(std::min<unsigned long>(count, kMaxEdidBytes));
+            std::memcpy(monitor.edid, data, static_cast<std::size_t>(monitor.edidLength));
+        } else {
+            monitor.edidLength = -1;
         }
     }
     if (data) XFree(data);
-    return info;
 }
 
-std::string atomName(Display* display, Atom atom) {
-    if (atom == None) return {};
-    char* name = XGetAtomName(display, atom);
-    if (!name) return {};
-    std::string out(name);
-    XFree(name);
-    return out;
+// Every monitor of every X screen, the primary of each screen first.
+void collect(Display* display, RawQuery* out) {
+    int eventBase = 0, errorBase = 0, major = 0, minor = 0;
+    const bool monitors = XRRQueryExtension(display, &eventBase, &errorBase) &&
+                          XRRQueryVersion(display, &major, &minor) &&
+                          (major > 1 || (major == 1 && minor >= 5));
+    const Atom edidAtom = XInternAtom(display, RR_PROPERTY_RANDR_EDID, False);
+    for (int s = 0; s < ScreenCount(display); ++s) {
+        if (!monitors) {
+            if (out->count == kMaxMonitors) {
+                out->truncated = true;
+                return;
+            }
+            RawMonitor& m = out->monitors[out->count++];
+            m.displayID = static_cast<std::uint32_t>(s + 1);
+            m.x = m.y = 0;
+            m.width = DisplayWidth(display, s);
+            m.height = DisplayHeight(display, s);
+            m.primary = false;
+            std::snprintf(m.name, sizeof m.name, "screen %d", s);
+            m.edidLength = 0;
+            continue;
+        }
+        int count = 0;
+        XRRMonitorInfo* list = XRRGetMonitors(display, RootWindow(display, s), True, &count);
+        if (!list) continue;
+        for (int pass = 0; pass < 2; ++pass) {
+            for (int i = 0; i < count; ++i) {
+                const XRRMonitorInfo& info = list[i];
+                if ((pass == 0) != (info.primary != 0)) continue;
+                if (out->count == kMaxMonitors) {
+                    out->truncated = true;
+                    break;
+                }
+                RawMonitor& m = out->monitors[out->count++];
+                m.x = info.x;
+                m.y = info.y;
+                m.width = info.width;
+                m.height = info.height;
+                m.primary = info.primary != 0;
+                copyName(display, info.name, m.name, sizeof m.name);
+                m.edidLength = 0;
+                if (info.noutput > 0 && info.outputs) {
+                    m.displayID = static_cast<std::uint32_t>(info.outputs[0]);
+                    readEdid(display, info.outputs[0], edidAtom, m);
+                } else {
+                    m.displayID = static_cast<std::uint32_t>(info.name);
+                }
+            }
+        }
+        XRRFreeMonitors(list);
+    }
+}
+
+enum class RawStatus { ok, cannotOpen, broken };
+
+RawStatus rawQuery(const char* name, RawQuery* out) {
+    std::jmp_buf jump;
+    tBrokenDisplay = nullptr;
+    tProtocolErrors = 0;
+    tJump = &jump;
+    if (setjmp(jump) != 0) {
+        tJump = nullptr;
+        if (tBrokenDisplay) ::close(ConnectionNumber(tBrokenDisplay));
+        return RawStatus::broken;
+    }
+    Display* display = XOpenDisplay(name);
+    if (!display) {
+        tJump = nullptr;
+        return RawStatus::cannotOpen;
+    }
+    collect(display, out);
+    XCloseDisplay(display);
+    tJump = nullptr;
+    return RawStatus::ok;
 }
 
 }  // namespace
@@ -104,70 +190,65 @@ std::vector<DisplayRecord> X11ScreenProvider::displays() {
 }
 
 std::optional<std::vector<DisplayRecord>> X11ScreenProvider::query() {
-    const char* name = displayName_ ? displayName_->c_str() : nullptr;
-    if (!name && !std::getenv("DISPLAY")) return std::nullopt;
-    Display* display = XOpenDisplay(name);
-    if (!display) {
-        Shared2::geometry()->warning("Could not open the X display {}",
-                                     name ? name : std::getenv("DISPLAY"));
+    const char* environmentDisplay = std::getenv("DISPLAY");
+    const std::string name =
+        displayName_ ? *displayName_ : (environmentDisplay ? environmentDisplay : "");
+    if (name.empty()) return std::nullopt;
+
+    auto raw = std::make_unique<RawQuery>();
+    raw->count = 0;
+    raw->truncated = false;
+    RawStatus status;
+    int protocolErrors;
+    {
+        std::lock_guard lock(gHandlerMutex);
+        gPreviousErrorHandler = XSetErrorHandler(onXError);
+        gPreviousIOErrorHandler = XSetIOErrorHandler(onXIOError);
+        status = rawQuery(name.c_str(), raw.get());
+        protocolErrors = tProtocolErrors;
+        XSetErrorHandler(gPreviousErrorHandler.load());
+        XSetIOErrorHandler(gPreviousIOErrorHandler.load());
+    }
+    if (status == RawStatus::cannotOpen) {
+        Shared2::geometry()->warning("Could not open the X display {}", name);
         return std::nullopt;
     }
-    std::vector<DisplayRecord> records;
-    {
-        HandlerScope scope(display);
-        int eventBase = 0, errorBase = 0, major = 0, minor = 0;
-        const bool monitors = XRRQueryExtension(display, &eventBase, &errorBase) &&
-                              XRRQueryVersion(display, &major, &minor) &&
-                              (major > 1 || (major == 1 && minor >= 5));
-        const Atom edidAtom = XInternAtom(display, RR_PROPERTY_RANDR_EDID, False);
-        for (int s = 0; s < ScreenCount(display) && !tIOFailed; ++s) {
-            const Window root = RootWindow(display, s);
-            if (!monitors) {
-                DisplayRecord record;
-                record.displayID = static_cast<std::uint32_t>(s + 1);
-                record.frame = {0, 0, double(DisplayWidth(display, s)),
-                                double(DisplayHeight(display, s))};
-                record.outputName = "screen " + std::to_string(s);
-                records.push_back(std::move(record));
-                continue;
-            }
-            int count = 0;
-            XRRMonitorInfo* list = XRRGetMonitors(display, root, True, &count);
-            if (!list) continue;
-            std::vector<DisplayRecord> found;
-            std::vector<bool> primary;
-            for (int m = 0; m < count && !tIOFailed; ++m) {
-                const XRRMonitorInfo& monitor = list[m];
-                DisplayRecord record;
-                record.frame = {double(monitor.x), double(monitor.y), double(monitor.width),
-                                double(monitor.height)};
-                record.outputName = atomName(display, monitor.name);
-                if (monitor.noutput > 0 && monitor.outputs) {
-                    record.displayID = static_cast<std::uint32_t>(monitor.outputs[0]);
-                    record.edid =
-                        outputEdid(display, monitor.outputs[0], edidAtom, record.outputName);
-                } else {
-                    record.displayID = static_cast<std::uint32_t>(monitor.name);
-                }
-                found.push_back(std::move(record));
-                primary.push_back(monitor.primary != 0);
-            }
-            XRRFreeMonitors(list);
-            // The primary screen comes first, the others keep the server's order.
-            for (std::size_t i = 0; i < found.size(); ++i) {
-                if (primary[i]) records.push_back(found[i]);
-            }
-            for (std::size_t i = 0; i < found.size(); ++i) {
-                if (!primary[i]) records.push_back(found[i]);
-            }
-        }
-        if (tIOFailed) {
-            Shared2::geometry()->warning(
-                "The X server went away while its screens were read; {} screens were read",
-                records.size());
-        }
+    if (status == RawStatus::broken) {
+        Shared2::geometry()->warning(
+            "The connection to the X display {} broke while its screens were read", name);
+        return std::nullopt;
     }
-    XCloseDisplay(display);
+    if (protocolErrors > 0) {
+        Shared2::geometry()->warning("The X display {} refused {} screen queries", name,
+                                     protocolErrors);
+    }
+    if (raw->truncated) {
+        Shared2::geometry()->warning("Only the first {} screens of {} are listed", kMaxMonitors,
+                                     name);
+    }
+    std::vector<DisplayRecord> records;
+    records.reserve(static_cast<std::size_t>(raw->count));
+    for (int i = 0; i < raw->count; ++i) {
+        const RawMonitor& m = raw->monitors[i];
+        DisplayRecord record;
+        record.displayID = m.displayID;
+        record.frame = {double(m.x), double(m.y), double(m.width), double(m.height)};
+        record.outputName = m.name;
+        if (m.edidLength > 0) {
+            std::string error;
+            record.edid = parseEdid(
+                std::span<const std::uint8_t>(m.edid, static_cast<std::size_t>(m.edidLength)),
+                &error);
+            if (!record.edid) {
+                Shared2::geometry()->warning("Ignoring the EDID of {}: {}", record.outputName,
+                                             error);
+            }
+        } else if (m.edidLength < 0) {
+            Shared2::geometry()->warning("Ignoring the EDID of {}: not a list of bytes",
+                                         record.outputName);
+        }
+        records.push_back(std::move(record));
+    }
     return records;
 }
 

@@ -79,13 +79,12 @@ int readProcessTable(const std::string& root, bool withParent, std::vector<Proce
     DIR* dir = ::opendir(root.c_str());
     if (!dir) return errno != 0 ? errno : ENOENT;
     const int dirFd = ::dirfd(dir);
-    char path[64];
+    char path[300];  // a d_name is at most 255 bytes
     // A stat line is at most a few hundred bytes; only its head is needed.
     char buffer[512];
     while (const dirent* entry = ::readdir(dir)) {
         ProcessRecord record;
         if (!parsePID(entry->d_name, record.pid)) continue;
-        if (std::strlen(entry->d_name) > 20) continue;
         std::snprintf(path, sizeof path, "%s/%s", entry->d_name, withParent ? "stat" : "comm");
         const ssize_t n = readSmallFile(dirFd, path, buffer, sizeof buffer);
         if (n <= 0) continue;  // gone while we read: not an error
