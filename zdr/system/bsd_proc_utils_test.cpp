@@ -334,10 +334,22 @@ TEST_F(BundleCacheTest, ProcessListCarriesIdentifiersFromTheCache) {
         }
     }
     EXPECT_GE(withIdentifier, 1);
-    // A second listing is answered from the caches: one query per distinct name.
-    const int queries = locator_->pathQueries;
-    BSDProcUtils::getBSDProcessList();
-    EXPECT_LE(locator_->pathQueries - queries, 3) << "only processes started in between";
+}
+
+TEST_F(BundleCacheTest, RepeatedListingsAskOncePerName) {
+    TempFolder proc;
+    proc.write("10/stat", "10 (nautilus) S 1 10 10 0\n");
+    proc.write("11/stat", "11 (nautilus) S 1 11 11 0\n");
+    proc.write("12/stat", "12 (bash) S 1 12 12 0\n");
+    auto list = BSDProcUtils::getBSDProcessList(proc.path());
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(dictionaryGet<std::string>(list[1], kProcessBundleID), "org.gnome.Nautilus");
+    EXPECT_FALSE(dictionaryGet<std::string>(list[2], kProcessBundleID))
+        << "present only when found";
+    EXPECT_EQ(locator_->pathQueries, 2) << "one query per distinct name";
+    clock_->advanceSeconds(10);
+    BSDProcUtils::getBSDProcessList(proc.path());
+    EXPECT_EQ(locator_->pathQueries, 2) << "the second listing comes from the caches";
 }
 
 TEST_F(BundleCacheTest, ConcurrentLookupsAgree) {
