@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
 
 #include <atomic>
 #include <filesystem>
@@ -171,10 +170,11 @@ TEST_F(X11ScreensTest, AServerThatIsGoneGivesNoScreens) {
     const std::string name = server().displayName();
     auto provider = std::make_shared<X11ScreenProvider>(name);
     ASSERT_EQ(provider->screens().size(), 1u);
-    server().stop();
+    server().crashKeepingDisplay();
     EXPECT_EQ(provider->query(), std::nullopt);
     EXPECT_TRUE(provider->screens().empty());
     EXPECT_EQ(Screen::findScreenWithCGDisplayId(*provider, 1), nullptr);
+    server().stop();
 }
 
 TEST_F(X11ScreensTest, AServerDyingWhileQueriedDoesNotStopTheProcess) {
@@ -191,16 +191,16 @@ TEST_F(X11ScreensTest, AServerDyingWhileQueriedDoesNotStopTheProcess) {
     while (rounds < 5 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    ::kill(server().pid(), SIGKILL);  // mid-query, most likely
+    server().crashKeepingDisplay();  // mid-query, most likely
     const int seen = rounds;
     while (rounds < seen + 5 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     stop = true;
     querying.join();
-    server().stop();
     EXPECT_GE(rounds, seen + 5);
     EXPECT_TRUE(provider->screens().empty());
+    server().stop();
 }
 
 TEST(X11ScreenProviderTest, ARefusedDisplayIsNoScreens) {

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -98,7 +99,34 @@ bool XvfbServer::start(std::string* error) {
     return true;
 }
 
+void XvfbServer::crashKeepingDisplay() {
+    if (pid_ <= 0) return;
+    // The X server's lock file holds the owner's pid in 10 columns; a server
+    // looking for a free number skips one whose owner is alive.
+    const std::string lock = "/tmp/.X" + std::to_string(display_) + "-lock";
+    char text[16];
+    std::snprintf(text, sizeof text, "%10d\n", static_cast<int>(::getpid()));
+    const int fd = ::open(lock.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    if (fd >= 0) {
+        (void)!::write(fd, text, std::strlen(text));
+        ::close(fd);
+        displayKept_ = true;
+    }
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+void XvfbServer::releaseDisplay() {
+    if (!displayKept_) return;
+    displayKept_ = false;
+    const std::string number = std::to_string(display_);
+    ::unlink(("/tmp/.X11-unix/X" + number).c_str());
+    ::unlink(("/tmp/.X" + number + "-lock").c_str());
+}
+
 void XvfbServer::stop() {
+    releaseDisplay();
     if (pid_ <= 0) return;
     ::kill(pid_, SIGTERM);
     // Xvfb leaves at once on SIGTERM; a stuck one is killed after two seconds.

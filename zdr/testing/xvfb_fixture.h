@@ -40,6 +40,11 @@ class XvfbServer {
     bool start(std::string* error);
     /// Kills the server and waits for it.
     void stop();
+    /// Kills the server at once (SIGKILL, as a crash would) but keeps its
+    /// display number taken until stop() or destruction: the lock file names
+    /// this process, so a server another test starts meanwhile cannot take
+    /// the number and answer in the dead server's place.
+    void crashKeepingDisplay();
     bool running() const { return pid_ > 0; }
     /// ":N".
     std::string displayName() const { return ":" + std::to_string(display_); }
@@ -47,8 +52,11 @@ class XvfbServer {
 
  private:
     Options options_;
+    void releaseDisplay();
+
     pid_t pid_ = -1;
     int display_ = -1;
+    bool displayKept_ = false;
 };
 
 /// A test with a running Xvfb in server(); skipped when Xvfb is absent.
