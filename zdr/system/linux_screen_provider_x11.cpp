@@ -5,7 +5,8 @@
 // host, so the query runs between setjmp and our I/O error handler's longjmp.
 // Only plain data lives in the frames that the jump leaves (rawQuery and
 // collect use no objects with destructors); what Xlib had allocated for the
-// dead connection is abandoned, and its socket is closed.
+// dead connection is kept aside (see abandonedDisplays), and its socket is
+// closed.
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/Xrandr.h>
@@ -18,6 +19,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "zdr/logging/shared2.h"
 #include "zdr/system/linux_screen_provider.h"
@@ -159,6 +161,14 @@ void collect(Display* display, RawQuery* out) {
 
 enum class RawStatus { ok, cannotOpen, broken };
 
+// The connections that broke mid-query. Xlib cannot free a display it was
+// jumped out of, so they are kept (a few tens of kilobytes each, one per
+// server that died under a query) rather than lost. Guarded by gHandlerMutex.
+std::vector<Display*>& abandonedDisplays() {
+    static auto* displays = new std::vector<Display*>();
+    return *displays;
+}
+
 RawStatus rawQuery(const char* name, RawQuery* out) {
     std::jmp_buf jump;
     tBrokenDisplay = nullptr;
@@ -166,7 +176,10 @@ RawStatus rawQuery(const char* name, RawQuery* out) {
     tJump = &jump;
     if (setjmp(jump) != 0) {
         tJump = nullptr;
-        if (tBrokenDisplay) ::close(ConnectionNumber(tBrokenDisplay));
+        if (tBrokenDisplay) {
+            ::close(ConnectionNumber(tBrokenDisplay));
+            abandonedDisplays().push_back(tBrokenDisplay);
+        }
         return RawStatus::broken;
     }
     Display* display = XOpenDisplay(name);
