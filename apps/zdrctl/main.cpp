@@ -7,6 +7,7 @@
 
 #include "apps/zdrctl/zdrctl_channel_commands.h"
 #include "apps/zdrctl/zdrctl_commands.h"
+#include "apps/zdrctl/zdrctl_machine_commands.h"
 #include "apps/zdrctl/zdrctl_options.h"
 
 int main(int argc, char** argv) {
@@ -21,7 +22,10 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     const int stopFd = signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
 
-    const ParseResult parsed = parseArguments(std::vector<std::string>(argv + 1, argv + argc));
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    // screens and processes need no audio backend.
+    if (auto rc = runMachineCommand(args, std::cout, std::cerr)) return *rc;
+    const ParseResult parsed = parseArguments(args);
     if (!parsed.options) {
         std::cerr << "zdrctl: " << parsed.error << "\nRun 'zdrctl --help' for usage.\n";
         return kExitUsage;

@@ -33,6 +33,13 @@ Commands:
                        Show the default devices, or make DEVICE the default
                        output (or input) device.
                        DEVICE is a UID or a name; "default" is the default output.
+  screens [--json]     List the screens in order: display ID, output, frame,
+                       model, serial and vendor numbers, colour space.
+  processes [NAME] [--json]
+                       List the running processes (pid, parent, name,
+                       desktop-file ID); with NAME, the pids whose kernel name
+                       (at most 15 bytes) is NAME, and the search's status
+                       (exit code 1 when none is found).
 
 Options:
   --backend NAME       pulse or simulated. Default: $ZDR_AUDIO_BACKEND, else the
