@@ -496,6 +496,8 @@ TEST_F(UserDefaultsTest, AFolderOthersCanChangeIsNeitherReadNorWritten) {
 }
 
 TEST_F(UserDefaultsTest, AStoreWithoutAPathKeepsValuesInMemoryOnly) {
+    std::error_code ec;
+    const bool lockWasThere = fs::exists(".lock", ec);
     UserDefaults d{fs::path()};
     d.setInteger(3, "n");
     EXPECT_EQ(d.integerForKey("n"), 3);
@@ -504,6 +506,9 @@ TEST_F(UserDefaultsTest, AStoreWithoutAPathKeepsValuesInMemoryOnly) {
     EXPECT_FALSE(d.synchronize());
     EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("in memory only"));
     EXPECT_TRUE(filesIn(dir_).empty());
+    if (!lockWasThere) {
+        EXPECT_FALSE(fs::exists(".lock")) << "nothing in the working folder";
+    }
 }
 
 TEST(UserDefaultsExit, UnsavedChangesAreSavedWhenTheProcessExits) {
