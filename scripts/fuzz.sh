@@ -10,7 +10,8 @@
 #   NAME...       run only these fuzzers (e.g. user_defaults_fuzz)
 #
 # Each fuzzer keeps its corpus in build/fuzz/corpus/<name>/ (it grows from run
-# to run) and its log in build/fuzz/logs/<name>.log. A crash, a leak, undefined
+# to run; a folder <name>_seeds beside the fuzzer's source adds starting inputs)
+# and its log in build/fuzz/logs/<name>.log. A crash, a leak, undefined
 # behaviour or a hang leaves its input in build/fuzz/artifacts/<name>/; the
 # script names that reproducer and how to replay it, goes on with the other
 # fuzzers, and exits 1. Fuzzers are found, not listed: any `*_fuzz.cpp` beside
@@ -27,7 +28,7 @@ while [ $# -gt 0 ]; do
                    seconds="$2"; shift 2 ;;
         --seconds=*) seconds="${1#--seconds=}"; shift ;;
         --no-build) build=0; shift ;;
-        -h|--help) sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        -h|--help) sed -n '2,/^set -euo/p' "$0" | sed '$d; s/^# \{0,1\}//'; exit 0 ;;
         -*) echo "fuzz.sh: unknown option $1" >&2; exit 2 ;;
         *) only+=("$1"); shift ;;
     esac
@@ -72,10 +73,13 @@ for f in "${fuzzers[@]}"; do
     artifacts="$out/artifacts/$name"
     log="$out/logs/$name.log"
     mkdir -p "$corpus" "$artifacts" "$out/logs"
+    # Seed inputs, if the fuzzer has any: a folder <name>_seeds beside its source.
+    seeds=()
+    while IFS= read -r d; do seeds+=("$d"); done < <(find zdr apps -type d -name "${name}_seeds" 2>/dev/null)
     echo "=== $name: ${seconds} s (corpus $corpus)"
     touch "$artifacts/.started"
     status=0
-    "$f" "$corpus" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    "$f" "$corpus" ${seeds[@]+"${seeds[@]}"} -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
         -artifact_prefix="$artifacts/" -print_final_stats=1 >"$log" 2>&1 || status=$?
     if [ "$status" -ne 0 ]; then
         reproducer=$(find "$artifacts" -type f -newer "$artifacts/.started" | head -n 1)
