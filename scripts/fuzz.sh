@@ -10,7 +10,7 @@
 #   NAME...       run only these fuzzers (e.g. user_defaults_fuzz)
 #
 # Each fuzzer keeps its corpus in build/fuzz/corpus/<name>/ (it grows from run
-# to run; a folder <name>_seeds beside the fuzzer's source adds starting inputs)
+# to run; inputs in tests/fuzz_seeds/<name>/, where there are any, start it)
 # and its log in build/fuzz/logs/<name>.log. A crash, a leak, undefined
 # behaviour or a hang leaves its input in build/fuzz/artifacts/<name>/; the
 # script names that reproducer and how to replay it, goes on with the other
@@ -73,9 +73,9 @@ for f in "${fuzzers[@]}"; do
     artifacts="$out/artifacts/$name"
     log="$out/logs/$name.log"
     mkdir -p "$corpus" "$artifacts" "$out/logs"
-    # Seed inputs, if the fuzzer has any: a folder <name>_seeds beside its source.
+    # Seed inputs, if the fuzzer has any.
     seeds=()
-    while IFS= read -r d; do seeds+=("$d"); done < <(find zdr apps -type d -name "${name}_seeds" 2>/dev/null)
+    [ -d "tests/fuzz_seeds/$name" ] && seeds+=("tests/fuzz_seeds/$name")
     echo "=== $name: ${seconds} s (corpus $corpus)"
     touch "$artifacts/.started"
     status=0
