@@ -127,6 +127,10 @@ void appendPrintf(std::string& out, const char* format, va_list args) {
             }
         }
         char conversion = malformed ? '\0' : *q;
+        // glibc reads L with an integer conversion as ll (a long long); so
+        // must we, or the argument is read half and every later one shifted.
+        if (length == Length::L && conversion != '\0' && std::strchr("diouxX", conversion))
+            length = Length::ll;
         auto lengthText = [&]() -> const char* {
             switch (length) {
                 case Length::hh:

@@ -1,6 +1,7 @@
 // printf-style formatting for the C-callable entry points and the error
 // helpers: printf's flags, width, precision, length modifiers and conversions,
-// plus %@ for a NUL-terminated UTF-8 string (read like %s).
+// plus %@ for a NUL-terminated UTF-8 string (read like %s). As in glibc, L with
+// an integer conversion (%Ld, %Lu, %Lx...) reads a long long.
 //
 // Made to survive bad formats: a null %s or %@ prints "(null)"; %n consumes
 // its pointer and writes nothing; an unknown conversion, a positional argument

@@ -26,6 +26,25 @@ TEST(PrintfFormat, AgreesWithPrintfOnWellFormedDirectives) {
     EXPECT_EQ(stringWithFormat("%ls|%lc", L"wide", static_cast<wint_t>(L'w')), "wide|w");
 }
 
+TEST(PrintfFormat, CapitalLWithAnIntegerConversionReadsALongLongAsGlibcDoes) {
+    // glibc reads %Ld and its siblings as long long; reading an int instead
+    // takes half the argument and shifts every argument after it.
+    const std::string format = "%Ld|%Li|%Lu|%Lx|%LX|%Lo|%+8Ld|%s";
+    const long long minusOne = -1;
+    const unsigned long long big = 1ULL << 40, hex = 1ULL << 36;
+    char expected[256];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    std::snprintf(expected, sizeof expected, format.c_str(), minusOne, LLONG_MIN, big, hex, hex,
+                  big, 5LL, "end");
+#pragma GCC diagnostic pop
+    EXPECT_STREQ(expected,
+                 "-1|-9223372036854775808|1099511627776|1000000000|1000000000|"
+                 "20000000000000|      +5|end");
+    EXPECT_EQ(stringWithFormat(format.c_str(), minusOne, LLONG_MIN, big, hex, hex, big, 5LL, "end"),
+              expected);
+}
+
 TEST(PrintfFormat, ObjectDirectiveTakesAUtf8StringAndNullIsReadable) {
     EXPECT_EQ(stringWithFormat("[%@] [%10@]", "gr\xC3\xBC\xC3\x9F", "r"),
               "[gr\xC3\xBC\xC3\x9F] [         r]");

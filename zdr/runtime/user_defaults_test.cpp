@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -164,7 +165,7 @@ TEST_F(UserDefaultsTest, CorruptOrNonObjectFilesAreMovedAsideAndTheStoreStartsEm
     fs::create_directory(file_);
     ::testing::internal::CaptureStderr();
     auto d = open(file_);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("cannot be read"));
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("is not a regular file"));
     d->setInteger(5, "n");
     EXPECT_TRUE(d->synchronize());
     EXPECT_EQ(open(file_)->integerForKey("n"), 5);
@@ -285,6 +286,231 @@ TEST_F(UserDefaultsTest, ConcurrentSettersAndSavesLoseNothing) {
             ASSERT_EQ(c->integerForKey("k" + std::to_string(t) + "-" + std::to_string(i)), i);
 }
 
+std::vector<fs::path> corruptCopies(const fs::path& dir) {
+    std::vector<fs::path> aside;
+    for (const auto& p : filesIn(dir))
+        if (p.filename().string().rfind("defaults.json.corrupt-", 0) == 0) aside.push_back(p);
+    return aside;
+}
+
+std::string nested(std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); }
+
+TEST_F(UserDefaultsTest, FilesBeyondTheDepthOrSizeBoundAreCorruptAndMovedAside) {
+    constexpr std::size_t kDepth = UserDefaults::kMaxNestingDepth;
+    struct Case {
+        std::string text;
+        std::string why;
+    };
+    const std::vector<Case> cases = {
+        // Deep enough to overflow any stack if it were ever dumped or copied.
+        {"{\"a\": " + nested(100000) + "}", "nests deeper than"},
+        {"{\"a\": " + nested(kDepth) + "}", "nests deeper than"},
+        {"{\"a\": \"" + std::string(UserDefaults::kMaxFileSize, 'x') + "\"}", "larger than"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why + " " + std::to_string(c.text.size()));
+        for (const auto& p : filesIn(dir_)) fs::remove_all(p);
+        spit(file_, c.text);
+        ::testing::internal::CaptureStderr();
+        auto d = open(file_);
+        std::string err = ::testing::internal::GetCapturedStderr();
+        EXPECT_THAT(err, HasSubstr(c.why));
+        EXPECT_THAT(err, HasSubstr("moved it aside"));
+        EXPECT_EQ(d->objectForKey("a"), std::nullopt);
+        auto aside = corruptCopies(dir_);
+        ASSERT_EQ(aside.size(), 1u);
+        EXPECT_EQ(fs::file_size(aside[0]), c.text.size()) << "kept as it was";
+        d->setBool(true, "fresh");
+        ASSERT_TRUE(d->synchronize());
+        EXPECT_EQ(json::parse(slurp(file_)), (json{{"fresh", true}}));
+    }
+
+    // Exactly at the bound: read, kept and written back.
+    for (const auto& p : filesIn(dir_)) fs::remove_all(p);
+    spit(file_, "{\"a\": " + nested(kDepth - 1) + "}");
+    auto d = open(file_);
+    ASSERT_TRUE(d->objectForKey("a").has_value());
+    d->setBool(true, "b");
+    ASSERT_TRUE(d->synchronize());
+    EXPECT_TRUE(corruptCopies(dir_).empty());
+    EXPECT_TRUE(open(file_)->objectForKey("a").has_value());
+}
+
+TEST_F(UserDefaultsTest, ValuesBeyondTheBoundsAreRefusedAndNeverSaved) {
+    constexpr std::size_t kDepth = UserDefaults::kMaxNestingDepth;
+    auto d = open(file_);
+    ::testing::internal::CaptureStderr();
+    d->setObject(json::parse(nested(kDepth)), "deep");
+    d->registerDefaults(json{{"deepDefault", json::parse(nested(kDepth))}, {"ok", 1}});
+    std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(err, HasSubstr("setObject refused"));
+    EXPECT_THAT(err, HasSubstr("registerDefaults refused \"deepDefault\""));
+    EXPECT_EQ(d->objectForKey("deep"), std::nullopt);
+    EXPECT_EQ(d->objectForKey("deepDefault"), std::nullopt);
+    EXPECT_EQ(d->integerForKey("ok"), 1) << "the other members are registered";
+
+    d->setObject(json::parse(nested(kDepth - 1)), "deepest allowed");
+    d->setString("small", "kept");
+    ASSERT_TRUE(d->synchronize());
+    const std::string before = slurp(file_);
+
+    // A save whose file would pass the size bound is refused; the file stays.
+    d->setString(std::string(UserDefaults::kMaxFileSize, 'x'), "huge");
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(d->synchronize());
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("more than the limit"));
+    EXPECT_EQ(slurp(file_), before);
+    d->removeObjectForKey("huge");
+    ASSERT_TRUE(d->synchronize());
+    auto again = open(file_);
+    EXPECT_TRUE(again->objectForKey("deepest allowed").has_value());
+    EXPECT_EQ(again->stringForKey("kept"), "small");
+}
+
+/// Makes every open() of this process fail with EMFILE until destroyed: the
+/// descriptor limit is lowered to the lowest free descriptor.
+class DescriptorsExhausted {
+ public:
+    DescriptorsExhausted() {
+        ::getrlimit(RLIMIT_NOFILE, &old_);
+        int lowest = ::dup(0);
+        ::close(lowest);
+        struct rlimit tight = old_;
+        tight.rlim_cur = static_cast<rlim_t>(lowest);
+        ok_ = lowest >= 0 && ::setrlimit(RLIMIT_NOFILE, &tight) == 0;
+    }
+    ~DescriptorsExhausted() { ::setrlimit(RLIMIT_NOFILE, &old_); }
+    bool ok() const { return ok_; }
+
+ private:
+    struct rlimit old_ {};
+    bool ok_ = false;
+};
+
+TEST_F(UserDefaultsTest, AFileThatCannotBeReadNowIsLeftAloneAndReadAgainLater) {
+    {
+        auto d = open(file_);
+        d->setString("precious", "kept");
+        ASSERT_TRUE(d->synchronize());
+    }
+    const std::string before = slurp(file_);
+
+    std::unique_ptr<UserDefaults> d;
+    ::testing::internal::CaptureStderr();
+    {
+        DescriptorsExhausted exhausted;
+        ASSERT_TRUE(exhausted.ok());
+        d = std::make_unique<UserDefaults>(file_);
+        d->registerDefaults(json{{"kept", "registered"}});
+        EXPECT_EQ(d->stringForKey("kept"), "registered") << "answers the registered defaults";
+        d->setInteger(7, "new");
+        EXPECT_FALSE(d->synchronize()) << "nothing may be written over a file never read";
+    }
+    std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(err, HasSubstr("answering the registered defaults"));
+    EXPECT_THAT(err, ::testing::Not(HasSubstr("moved it aside")));
+    EXPECT_TRUE(corruptCopies(dir_).empty());
+    EXPECT_EQ(slurp(file_), before);
+    EXPECT_EQ(d->integerForKey("new"), 7) << "the change waits in memory";
+
+    // Read again a moment later on its own, with the waiting change on top.
+    for (int i = 0; i < 1000 && d->stringForKey("kept") != "precious"; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(d->stringForKey("kept"), "precious");
+    ASSERT_TRUE(d->synchronize());
+    EXPECT_EQ(json::parse(slurp(file_)), (json{{"kept", "precious"}, {"new", 7}}));
+}
+
+TEST_F(UserDefaultsTest, StaleTemporariesOfKilledSavesAreRemovedOnLoad) {
+    spit(dir_ / ".defaults.json.tmp-Ab12Cd", "{\"half\": ");
+    spit(dir_ / ".defaults.json.tmp-Zz99Yy", "");
+    spit(dir_ / ".other.json.tmp-Ab12Cd", "not ours");
+    spit(dir_ / "notes.txt", "not ours");
+    spit(file_, "{\"a\": 1}");
+    auto d = open(file_);
+    EXPECT_EQ(d->integerForKey("a"), 1);
+    std::vector<std::string> names;
+    for (const auto& p : filesIn(dir_)) names.push_back(p.filename().string());
+    EXPECT_THAT(names, ::testing::UnorderedElementsAre("defaults.json", "defaults.json.lock",
+                                                       ".other.json.tmp-Ab12Cd", "notes.txt"));
+}
+
+TEST_F(UserDefaultsTest, SymbolicLinksAreNeverFollowed) {
+    // A link at the settings path is not read through, and is moved aside
+    // (the link itself: its target stays as it was).
+    spit(dir_ / "target.json", "{\"planted\": 1}");
+    fs::create_symlink(dir_ / "target.json", file_);
+    ::testing::internal::CaptureStderr();
+    auto d = open(file_);
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("symbolic link"));
+    EXPECT_EQ(d->objectForKey("planted"), std::nullopt);
+    d->setInteger(1, "mine");
+    ASSERT_TRUE(d->synchronize());
+    EXPECT_FALSE(fs::is_symlink(file_));
+    EXPECT_EQ(slurp(dir_ / "target.json"), "{\"planted\": 1}");
+    d.reset();
+
+    // A link at the lock path is never opened, so its target is never created.
+    for (const auto& p : filesIn(dir_)) fs::remove_all(p);
+    fs::create_symlink(dir_ / "victim", file_.string() + ".lock");
+    ::testing::internal::CaptureStderr();
+    {
+        auto e = open(file_);
+        e->setInteger(1, "k");
+        EXPECT_FALSE(e->synchronize());
+        e->removeObjectForKey("k");
+    }
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("lock file"));
+    EXPECT_FALSE(fs::exists(dir_ / "victim"));
+}
+
+TEST_F(UserDefaultsTest, AFolderOthersCanChangeIsNeitherReadNorWritten) {
+    const fs::path shared = dir_ / "shared";
+    const fs::path file = shared / "defaults.json";
+    fs::create_directory(shared);
+    spit(file, "{\"planted\": 1}");
+    auto tryIt = [&](const char* expected) {
+        SCOPED_TRACE(expected);
+        ::testing::internal::CaptureStderr();
+        {
+            auto d = open(file);
+            EXPECT_EQ(d->objectForKey("planted"), std::nullopt);
+            d->setInteger(2, "mine");
+            EXPECT_FALSE(d->synchronize());
+            d->removeObjectForKey("mine");
+        }
+        EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr(expected));
+        EXPECT_EQ(slurp(file), "{\"planted\": 1}");
+    };
+    ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
+    tryIt("can be written by other users (mode 0777)");
+    ASSERT_EQ(::chmod(shared.c_str(), 0720), 0);
+    tryIt("can be written by other users (mode 0720)");
+    ASSERT_EQ(::chmod(shared.c_str(), 0700), 0);
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(shared.c_str(), 4242, 4242), 0);
+        tryIt("belongs to another user (uid 4242)");
+        ASSERT_EQ(::chown(shared.c_str(), 0, 0), 0);
+    }
+    EXPECT_EQ(open(file)->integerForKey("planted"), 1) << "a private folder is read";
+}
+
+TEST_F(UserDefaultsTest, AStoreWithoutAPathKeepsValuesInMemoryOnly) {
+    std::error_code ec;
+    const bool lockWasThere = fs::exists(".lock", ec);
+    UserDefaults d{fs::path()};
+    d.setInteger(3, "n");
+    EXPECT_EQ(d.integerForKey("n"), 3);
+    EXPECT_FALSE(d.hasUnsavedChanges());
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(d.synchronize());
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("in memory only"));
+    EXPECT_TRUE(filesIn(dir_).empty());
+    if (!lockWasThere) {
+        EXPECT_FALSE(fs::exists(".lock")) << "nothing in the working folder";
+    }
+}
+
 TEST(UserDefaultsExit, UnsavedChangesAreSavedWhenTheProcessExits) {
     // The child re-runs this test from the start, so the file is passed to it
     // through the environment.
@@ -331,8 +557,17 @@ TEST(UserDefaultsPath, StandardFileFollowsXdgAndTheBundleIdentifier) {
     EXPECT_EQ(UserDefaults::standardFilePath(),
               fs::path("/home/someone/.config/com.example.recorder/defaults.json"));
     Bundle::main().setInfo(kCFBundleIdentifierKey, std::nullopt);
-    EXPECT_EQ(UserDefaults::standardFilePath().parent_path().filename(),
+    EXPECT_EQ(UserDefaults::standardFilePath()->parent_path().filename(),
               fs::path(Bundle::main().executablePath()).filename());
+
+    // Neither variable absolute: the home folder of the password database.
+    Bundle::main().setInfo(kCFBundleIdentifierKey, "com.example.recorder");
+    ::unsetenv("XDG_CONFIG_HOME");
+    ::unsetenv("HOME");
+    if (const passwd* pw = ::getpwuid(::geteuid()); pw && pw->pw_dir && pw->pw_dir[0] == '/') {
+        EXPECT_EQ(UserDefaults::standardFilePath(),
+                  fs::path(pw->pw_dir) / ".config/com.example.recorder/defaults.json");
+    }
 
     Bundle::main().setInfo(kCFBundleIdentifierKey, oldId);
     ::setenv("HOME", oldHome.c_str(), 1);
@@ -341,6 +576,28 @@ TEST(UserDefaultsPath, StandardFileFollowsXdgAndTheBundleIdentifier) {
     } else {
         ::unsetenv("XDG_CONFIG_HOME");
     }
+}
+
+TEST(UserDefaultsPath, WithoutAHomeFolderSettingsStayInMemoryAndNeverGoToASharedFolder) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to become a user without a home";
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string id = "com.zdr.test.nohome-" + std::to_string(::getpid());
+    const fs::path shared = fs::temp_directory_path() / id;
+    EXPECT_EXIT(
+        {
+            // A user the password database does not know, with no variables.
+            if (::setgid(54321) != 0 || ::setuid(54321) != 0) std::_Exit(10);
+            ::unsetenv("XDG_CONFIG_HOME");
+            ::unsetenv("HOME");
+            Bundle::main().setInfo(kCFBundleIdentifierKey, id);
+            if (UserDefaults::standardFilePath().has_value()) std::_Exit(11);
+            auto d = UserDefaults::standard();
+            d->setInteger(1, "n");
+            if (d->synchronize() || d->integerForKey("n") != 1) std::_Exit(12);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "kept in memory only");
+    EXPECT_FALSE(fs::exists(shared)) << "nothing was written under " << shared;
 }
 
 }  // namespace

@@ -65,8 +65,10 @@ const std::map<std::string, AudioChannelLabel>& labels() {
 
 void onlyKeys(const json& j, const std::string& where, std::initializer_list<const char*> keys) {
     if (!j.is_object()) fail(where, "must be an object");
-    for (const auto& [key, value] : j.items()) {
-        (void)value;
+    for (const auto& item : j.items()) {
+        // A plain reference rather than a structured binding: clang 14 cannot
+        // capture a binding in the lambda below.
+        const std::string& key = item.key();
         if (std::none_of(keys.begin(), keys.end(), [&](const char* k) { return key == k; })) {
             fail(where + "." + key, "unknown key");
         }
