@@ -30,7 +30,8 @@
 // nothing (each unit may go out at once); an infinite one lets only the first
 // batch out (the window is capped at about 95 years).
 //
-// Threads: every member from any thread. The batch is taken on `queue` (by
+// Threads: every member from any thread; acceptMoreWork takes one short lock
+// per started pipeline and never waits for the closure. The batch is taken on `queue` (by
 // default a new serial queue "com.zdr.throttler"); the closure runs on the
 // global queue, never on `queue`. Batches are not serialised: a new batch can
 // start while the previous closure is still running; a closure that needs
@@ -49,6 +50,9 @@
 // "ZDRThrottler deinit" (verbose) to the timing logger.
 #pragma once
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <concepts>
 #include <cstdint>
 #include <exception>
@@ -56,13 +60,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <type_traits>
 #include <utility>
 
 #include "zdr/runtime/dispatch_queue.h"
-#include "zdr/runtime/publisher.h"
 #include "zdr/timing/replay_once.h"
 #include "zdr/timing/timing_log.h"
 
@@ -123,20 +125,19 @@ class ZDRThrottler : public std::enable_shared_from_this<ZDRThrottler<T>> {
     /// A throttler that paces on `queue` (a new serial "com.zdr.throttler"
     /// queue when none is given). Not started.
     template <class F = std::nullptr_t>
-    static std::shared_ptr<ZDRThrottler> make(double interval, std::optional<DispatchQueue> queue,
+    static std::shared_ptr<ZDRThrottler> make(double interval,
+                                              const std::optional<DispatchQueue>& queue,
                                               std::string name, F closure = nullptr) {
-        return std::make_shared<ZDRThrottler>(Key{}, interval, std::move(queue), std::move(name),
-                                              adapt(std::move(closure)));
+        return std::make_shared<ZDRThrottler>(Key{}, interval, queue ? *queue : defaultQueue(),
+                                              std::move(name), adapt(std::move(closure)));
     }
 
-    ZDRThrottler(Key, double interval, std::optional<DispatchQueue> queue, std::string name,
-                 AsyncClosure closure)
+    ZDRThrottler(Key, double interval, DispatchQueue queue, std::string name, AsyncClosure closure)
         : interval_(interval),
           uniqueNum_(detail::takeUniqueThrottlerNum()),
-          publisher_(PassthroughSubject<T>::make()),
           asyncClosure_(std::move(closure)),
           name_(std::move(name)),
-          queue_(queue ? *queue : detail::makeThrottlerQueue()) {}
+          queue_(std::move(queue)) {}
 
     ~ZDRThrottler() { detail::timingLog(4, "ZDRThrottler deinit", "deinit", __FILE__, __LINE__); }
 
@@ -151,68 +152,152 @@ class ZDRThrottler : public std::enable_shared_from_this<ZDRThrottler<T>> {
         asyncClosure_ = std::move(adapted);
     }
 
-    /// Builds the pipeline and keeps its subscription.
+    /// Starts a pipeline with an empty batch.
     void start() {
-        auto cell = std::make_shared<Cell>();
-        auto self = this->shared_from_this();
-        std::weak_ptr<ZDRThrottler> weakSelf = self;
-        using Once = Publishers::ReplayOnce<T>;
-        AnyCancellable subscription =
-            publisher_
-                ->map([cell](const T& unit) {
-                    std::lock_guard lock(cell->mutex);
-                    cell->batch = ThrottleableTraits<T>::merge(cell->batch, unit);
-                    return cell->batch;
-                })
-                ->throttle(interval_, queue_, /*latest=*/true)
-                // Captures the throttler strongly: the pipeline keeps a started
-                // throttler alive until stop().
-                ->flatMap([self, cell, weakSelf](const T&) {
-                    return Once::make([cell, weakSelf](typename Once::Callback callback) {
-                        T batch = ThrottleableTraits<T>::empty();
-                        {
-                            std::lock_guard lock(cell->mutex);
-                            std::swap(batch, cell->batch);
-                        }
-                        DispatchQueue::global().async(
-                            [weakSelf, batch, callback] { runBatch(weakSelf, batch, callback); });
-                    });
-                })
-                ->sink([](const T&) {});
+        auto pipeline = std::make_shared<Pipeline>(this->shared_from_this(), interval_, queue_);
         std::lock_guard lock(mutex_);
-        subscriptions_.insert(std::move(subscription));
+        auto next = std::make_unique<PipelineList>(*pipelines_.load(std::memory_order_relaxed));
+        next->push_back(std::move(pipeline));
+        publish(std::move(next));
     }
 
-    /// Cancels every pipeline; held units and untaken batches are dropped.
+    /// Ends every pipeline; held units and untaken batches are dropped.
     void stop() {
         // The pipelines may hold the last reference to this throttler.
         auto keepAlive = this->shared_from_this();
-        std::set<AnyCancellable> cancelled;
+        PipelineList ended;
         {
             std::lock_guard lock(mutex_);
-            cancelled.swap(subscriptions_);
+            ended = *pipelines_.load(std::memory_order_relaxed);
+            publish(std::make_unique<PipelineList>());
         }
-        for (const auto& c : cancelled) c.cancel();
+        for (const auto& p : ended) p->cancel();
     }
 
-    /// Sends one unit into the pipeline; returns at once.
-    void acceptMoreWork(const T& work) { publisher_->send(work); }
+    /// Merges one unit into every started pipeline; returns at once.
+    void acceptMoreWork(const T& work) {
+        for (const auto& p : *pipelines_.load(std::memory_order_acquire)) p->accept(work);
+    }
 
     double interval() const { return interval_; }
     std::int64_t uniqueNum() const { return uniqueNum_; }
     const std::string& name() const { return name_; }
     const DispatchQueue& queue() const { return queue_; }
     /// Pipelines currently started (diagnostics and tests).
-    std::size_t pipelineCount() const {
-        std::lock_guard lock(mutex_);
-        return subscriptions_.size();
-    }
+    std::size_t pipelineCount() const { return pipelines_.load(std::memory_order_acquire)->size(); }
 
  private:
-    struct Cell {
-        std::mutex mutex;
-        T batch = ThrottleableTraits<T>::empty();
+    using Once = Publishers::ReplayOnce<T>;
+
+    /// One started pipeline: the batch cell and the throttle window, written
+    /// by hand rather than as subject -> map -> throttle -> flatMap so that a
+    /// producer pays one short lock and the merge. Timing is that of the
+    /// latest-value throttle: the first unit after a quiet interval is taken at
+    /// once; later ones wait for the window that began with the previous take.
+    class Pipeline : public std::enable_shared_from_this<Pipeline> {
+     public:
+        Pipeline(std::shared_ptr<ZDRThrottler> owner, double seconds, DispatchQueue queue)
+            : owner_(std::move(owner)),
+              weakOwner_(owner_),
+              interval_(toDuration(seconds)),
+              queue_(std::move(queue)) {}
+
+        void accept(const T& unit) {
+            std::lock_guard lock(mutex_);
+            if (cancelled_) return;
+            batch_ = ThrottleableTraits<T>::merge(batch_, unit);
+            if (timerPending_) return;  // the window's end will take it
+            const DispatchTime now = dispatchNow();
+            std::weak_ptr<Pipeline> weak = this->weak_from_this();
+            if (!lastEmit_ || now - *lastEmit_ >= interval_) {
+                lastEmit_ = now;  // leading edge
+                queue_.async([weak] {
+                    if (auto p = weak.lock()) p->emit();
+                });
+                return;
+            }
+            timerPending_ = true;  // trailing edge, when the window ends
+            queue_.asyncAfter(*lastEmit_ + interval_, [weak] {
+                if (auto p = weak.lock()) p->windowEnded();
+            });
+        }
+
+        void cancel() {
+            std::shared_ptr<ZDRThrottler> owner;  // released after the lock
+            std::lock_guard lock(mutex_);
+            cancelled_ = true;
+            batch_ = ThrottleableTraits<T>::empty();
+            owner = std::move(owner_);
+        }
+
+     private:
+        static std::chrono::steady_clock::duration toDuration(double seconds) {
+            // Zero, negative or NaN paces nothing; absurd values are capped
+            // (~95 years) so that deadline arithmetic cannot overflow.
+            if (!(seconds > 0)) seconds = 0;
+            seconds = std::min(seconds, 3e9);
+            return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                std::chrono::duration<double>(seconds));
+        }
+
+        void windowEnded() {
+            {
+                std::lock_guard lock(mutex_);
+                timerPending_ = false;
+                if (cancelled_) return;
+                lastEmit_ = dispatchNow();
+            }
+            emit();
+        }
+
+        // On the queue: one batch's one-shot publisher. Its work takes the
+        // cell's content now (so units that arrived since the window's
+        // decision are included) and runs the closure in a task of its own.
+        // Nothing downstream reads the published batch; the publisher is the
+        // unit of work, and its pending callback keeps it alive until done.
+        void emit() {
+            {
+                std::lock_guard lock(mutex_);
+                if (cancelled_) return;
+            }
+            std::weak_ptr<Pipeline> weakSelf = this->weak_from_this();
+            std::weak_ptr<ZDRThrottler> weakOwner = weakOwner_;
+            (void)Once::make([weakSelf, weakOwner](typename Once::Callback callback) {
+                auto self = weakSelf.lock();
+                if (!self) return;
+                T batch = ThrottleableTraits<T>::empty();
+                {
+                    std::lock_guard lock(self->mutex_);
+                    if (self->cancelled_) return;
+                    std::swap(batch, self->batch_);
+                }
+                DispatchQueue::global().async(
+                    [weakOwner, batch, callback] { runBatch(weakOwner, batch, callback); });
+            });
+        }
+
+        std::mutex mutex_;
+        std::shared_ptr<ZDRThrottler> owner_;  // until cancel(): a started throttler lives
+        const std::weak_ptr<ZDRThrottler> weakOwner_;
+        const std::chrono::steady_clock::duration interval_;
+        const DispatchQueue queue_;
+        T batch_ = ThrottleableTraits<T>::empty();  // guarded by mutex_
+        std::optional<DispatchTime> lastEmit_;      // guarded by mutex_
+        bool timerPending_ = false;                 // guarded by mutex_
+        bool cancelled_ = false;                    // guarded by mutex_
     };
+
+    using PipelineList = std::vector<std::shared_ptr<Pipeline>>;
+
+    // Producers read the started pipelines without a lock. A replaced list is
+    // kept until the throttler goes, since a producer may still be walking it;
+    // each start() or stop() costs one small list for the throttler's life.
+    void publish(std::unique_ptr<PipelineList> next) {
+        pipelines_.store(next.get(), std::memory_order_release);
+        lists_.push_back(std::move(next));
+    }
+
+    static DispatchQueue defaultQueue() { return detail::makeThrottlerQueue(); }
 
     template <class F>
     static AsyncClosure adapt(F closure) {
@@ -231,8 +316,8 @@ class ZDRThrottler : public std::enable_shared_from_this<ZDRThrottler<T>> {
     }
 
     static void runBatch(const std::weak_ptr<ZDRThrottler>& weakSelf, const T& batch,
-                         const typename Publishers::ReplayOnce<T>::Callback& callback) {
-        using Res = typename Publishers::ReplayOnce<T>::ResultType;
+                         const typename Once::Callback& callback) {
+        using Res = typename Once::ResultType;
         AsyncClosure closure;
         std::string name;
         if (auto self = weakSelf.lock()) {
@@ -257,12 +342,16 @@ class ZDRThrottler : public std::enable_shared_from_this<ZDRThrottler<T>> {
 
     const double interval_;
     const std::int64_t uniqueNum_;
-    const std::shared_ptr<PassthroughSubject<T>> publisher_;
     mutable std::mutex mutex_;
-    std::set<AnyCancellable> subscriptions_;  // guarded by mutex_
-    AsyncClosure asyncClosure_;               // guarded by mutex_
+    AsyncClosure asyncClosure_;  // guarded by mutex_
     const std::string name_;
     const DispatchQueue queue_;
+    std::vector<std::unique_ptr<PipelineList>> lists_ = [] {  // guarded by mutex_
+        std::vector<std::unique_ptr<PipelineList>> v;
+        v.push_back(std::make_unique<PipelineList>());
+        return v;
+    }();
+    std::atomic<const PipelineList*> pipelines_{lists_.front().get()};
 };
 
 }  // namespace zdr
