@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "zdr/runtime/notification_center.h"
 #include "zdr/testing/eventually.h"
 
 namespace zdr {
@@ -284,6 +285,24 @@ TEST(ZDRThrottler, AnInfiniteIntervalLetsTheFirstBatchOutOnly) {
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(seen->size(), 1u);
     t->stop();
+}
+
+TEST(ZDRThrottler, AHotPlugStormBecomesALeadingAndATrailingRefresh) {
+    // As the README shows it: every device-list notification is a trigger; the
+    // refresh runs at once, then once more for everything after it.
+    auto refreshes = std::make_shared<std::atomic<int>>(0);
+    auto refresh = ZDRThrottler<VoidThrottleable>::make(
+        0.3, std::nullopt, "device list", [refreshes](const VoidThrottleable&) { ++*refreshes; });
+    refresh->start();
+    auto center = NotificationCenter::defaultCenter();
+    auto token =
+        center->addObserver("zdr.test.DevicesChanged", nullptr, std::nullopt,
+                            [refresh](const Notification&) { refresh->acceptMoreWork({}); });
+    for (int i = 0; i < 50; ++i) center->post("zdr.test.DevicesChanged");
+    ASSERT_TRUE(eventually([&] { return refreshes->load() == 2; }, 5s));
+    std::this_thread::sleep_for(400ms);
+    EXPECT_EQ(refreshes->load(), 2);
+    refresh->stop();
 }
 
 TEST(ZDRThrottler, ThrottlerActorIsOneSerialQueue) {
