@@ -128,8 +128,18 @@ class ZDRThrottler : public std::enable_shared_from_this<ZDRThrottler<T>> {
     static std::shared_ptr<ZDRThrottler> make(double interval,
                                               const std::optional<DispatchQueue>& queue,
                                               std::string name, F closure = nullptr) {
-        return std::make_shared<ZDRThrottler>(Key{}, interval, queue ? *queue : defaultQueue(),
-                                              std::move(name), adapt(std::move(closure)));
+        return make(interval, queue ? *queue : defaultQueue(), std::move(name), std::move(closure));
+    }
+    template <class F = std::nullptr_t>
+    static std::shared_ptr<ZDRThrottler> make(double interval, std::nullopt_t, std::string name,
+                                              F closure = nullptr) {
+        return make(interval, defaultQueue(), std::move(name), std::move(closure));
+    }
+    template <class F = std::nullptr_t>
+    static std::shared_ptr<ZDRThrottler> make(double interval, DispatchQueue queue,
+                                              std::string name, F closure = nullptr) {
+        return std::make_shared<ZDRThrottler>(Key{}, interval, std::move(queue), std::move(name),
+                                              adapt(std::move(closure)));
     }
 
     ZDRThrottler(Key, double interval, DispatchQueue queue, std::string name, AsyncClosure closure)

@@ -305,6 +305,19 @@ TEST(ZDRThrottler, AHotPlugStormBecomesALeadingAndATrailingRefresh) {
     refresh->stop();
 }
 
+TEST(ZDRThrottler, PacesOnTheQueueItIsGiven) {
+    DispatchQueue mine("zdr.test.throttler.queue");
+    std::optional<DispatchQueue> maybe = mine;
+    auto a = ZDRThrottler<Count>::make(1, mine, "given");
+    auto b = ZDRThrottler<Count>::make(1, maybe, "optional");
+    auto c = ZDRThrottler<Count>::make(1, std::optional<DispatchQueue>(), "absent");
+    EXPECT_EQ(a->queue(), mine);
+    EXPECT_EQ(b->queue(), mine);
+    EXPECT_EQ(c->queue().label(), "com.zdr.throttler");
+    EXPECT_NE(c->queue(), ZDRThrottler<Count>::make(1, std::nullopt, "other")->queue())
+        << "each throttler without a queue gets its own";
+}
+
 TEST(ZDRThrottler, ThrottlerActorIsOneSerialQueue) {
     EXPECT_EQ(ThrottlerActor::shared(), ThrottlerActor::shared());
     EXPECT_FALSE(ThrottlerActor::shared().isConcurrent());
