@@ -15,11 +15,12 @@
 //  - A series holds at most maximumSamplesToKeep() samples: when full, each
 //    new sample removes exactly one old one, so a series that holds more
 //    (because the bound was lowered) keeps its size rather than shrinking.
+//    A bound of zero or less keeps the newest sample only.
 //  - When sendObjectDidChangedEvery() is above zero, a will-change is
 //    announced at most once per that many seconds of wall time, and each
 //    announcement is itself recorded as a 1 ms sample in the series
-//    "Render Stats" (stat_RenderStats). At zero or below, every sample
-//    announces and nothing is recorded in "Render Stats".
+//    "Render Stats" (stat_RenderStats). At zero or below (or NaN), every
+//    sample announces and nothing is recorded in "Render Stats".
 //  - setEnabled() (with any value, also the current one) empties every series
 //    on the main queue: switching on or off always starts from nothing, and
 //    samples added before that task runs are lost with the rest.

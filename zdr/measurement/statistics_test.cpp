@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,6 +66,21 @@ TEST_F(StatisticsTest, ALoweredBoundKeepsTheSeriesSizeInsteadOfShrinking) {
     auto s = stats->getSeries("s");
     EXPECT_EQ(s.stats.size(), 10u);
     EXPECT_EQ(s.stats.front().value, D::nanoseconds(1));
+}
+
+TEST_F(StatisticsTest, ABoundOfZeroOrLessKeepsTheNewestSampleOnly) {
+    stats->setMaximumSamplesToKeep(-5);
+    for (int i = 0; i < 3; ++i) stats->addStatNanoseconds("s", i);
+    auto s = stats->getSeries("s");
+    ASSERT_EQ(s.stats.size(), 1u);
+    EXPECT_EQ(s.stats[0].value, D::nanoseconds(2));
+}
+
+TEST_F(StatisticsTest, ANaNIntervalAnnouncesEverySample) {
+    stats->setSendObjectDidChangedEvery(std::nan(""));
+    stats->addStatNanoseconds("s", 1);
+    stats->addStatNanoseconds("s", 2);
+    EXPECT_EQ(announcements.load(), 2);
 }
 
 TEST_F(StatisticsTest, TwoSamplesWithinTheIntervalAnnounceOnceAndRecordRenderStats) {
