@@ -23,8 +23,8 @@ std::shared_ptr<zdr::ZDRThrottler<Count>> gThrottler;
 void BM_Throttler_AcceptMoreWork(benchmark::State& state) {
     if (state.thread_index() == 0) {
         // A long window: after the first unit every unit is merged and held.
-        gThrottler = zdr::ZDRThrottler<Count>::make(3600, std::nullopt, "bench",
-                                                    [](const Count&) {});
+        gThrottler =
+            zdr::ZDRThrottler<Count>::make(3600, std::nullopt, "bench", [](const Count&) {});
         gThrottler->start();
     }
     for (auto _ : state) gThrottler->acceptMoreWork(Count{1});
