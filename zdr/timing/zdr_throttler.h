@@ -179,6 +179,7 @@ class ZDRThrottler : public std::enable_shared_from_this<ZDRThrottler<T>> {
         {
             std::lock_guard lock(mutex_);
             ended = *pipelines_.load(std::memory_order_relaxed);
+            if (ended.empty()) return;  // nothing started: keep the list as it is
             publish(std::make_unique<PipelineList>());
         }
         for (const auto& p : ended) p->cancel();
