@@ -30,18 +30,19 @@ struct Count {
 /// Batches seen by a closure. Shared with the closure, which may outlive the
 /// test body while it finishes.
 template <class T>
-struct Batches {
+struct Batches : std::enable_shared_from_this<Batches<T>> {
     std::mutex mutex;
     std::vector<T> batches;
     std::vector<Clock::time_point> times;
     std::vector<std::string> labels;
 
+    // Holds the record: a batch already running when the test ends finishes.
     auto closure() {
-        return [this](const T& b) {
-            std::lock_guard lock(mutex);
-            batches.push_back(b);
-            times.push_back(Clock::now());
-            labels.push_back(DispatchQueue::currentLabel().value_or(""));
+        return [self = this->shared_from_this()](const T& b) {
+            std::lock_guard lock(self->mutex);
+            self->batches.push_back(b);
+            self->times.push_back(Clock::now());
+            self->labels.push_back(DispatchQueue::currentLabel().value_or(""));
         };
     }
     std::size_t size() {
