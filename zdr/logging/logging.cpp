@@ -13,7 +13,9 @@
 #include "zdr/logging/logging_bridge.h"
 #include "zdr/logging/nslog_destination.h"
 #include "zdr/logging/os_log_destination.h"
+#include "zdr/logging/shared2.h"
 #include "zdr/runtime/bundle.h"
+#include "zdr/timing/timing_log.h"
 
 extern "C" {
 const char* const kLoggingAudio = "audio";
@@ -112,6 +114,14 @@ CategorySwitch& categorySwitch(const std::string& id) {
 
 // ---- The facade ----
 
+namespace {
+// The timing layer sits below logging and writes its lines through this.
+void writeTimingLine(int level, std::string_view message, std::string_view function,
+                     std::string_view file, long line) {
+    Shared2::timing()->logln(message, logLevelFromInteger(level), function, file, line);
+}
+}  // namespace
+
 std::shared_ptr<Logging> Logging::shared() {
     static std::once_flag once;
     std::call_once(once, [] {
@@ -121,6 +131,7 @@ std::shared_ptr<Logging> Logging::shared() {
             path = suggestedLogFilePath(*name, std::chrono::system_clock::now(), homeDirectory());
         }
         auto facade = std::make_shared<Logging>();
+        setTimingLogWriter(&writeTimingLine);
         {
             std::lock_guard lock(state.mutex);
             state.writeToFileNamed = std::move(path);
