@@ -158,9 +158,11 @@ bool AudioDevice::doesDeviceHaveStreams(bool isInput) const {
 }
 
 UInt32 AudioDevice::numberOfChannels(bool isInput) const {
-    if (!coreAudioDevice_) return 0;
+    // Through the accessor: the default-output proxy answers its device's wrapper.
+    auto* hal = coreAudioDevice();
+    if (hal == nullptr) return 0;
     try {
-        return coreAudioDevice_->GetTotalNumberChannels(isInput);
+        return hal->GetTotalNumberChannels(isInput);
     } catch (const CAException& e) {
         ZDR_AUDIO_LOG(app, error, "Cannot get the numberOfChannels for {}, error: {}", deviceName(),
                       e.GetError());
