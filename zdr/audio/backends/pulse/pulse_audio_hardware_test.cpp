@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "zdr/audio/audio_log.h"
 #include "zdr/audio/backends/pulse/pulse_connection.h"
 #include "zdr/testing/pulse_server_fixture.h"
 
@@ -326,10 +327,36 @@ TEST_F(PulseAudioHardwareTest, ServerRestartIsReportedAndDevicesComeBack) {
     CallLog device;
     ASSERT_TRUE(listen(sink, global(kAudioDevicePropertyDeviceIsAlive), device));
 
+    // The loss and the return are logged through the audio category, never
+    // written to the host's standard error.
+    std::mutex logMutex;
+    std::vector<std::string> logged;
+    zdr::detail::setAudioLogObserver([&](const zdr::detail::AudioLogRecord& r) {
+        std::lock_guard lock(logMutex);
+        logged.push_back(r.message);
+    });
+    ::testing::internal::CaptureStderr();
     std::string error;
-    ASSERT_TRUE(server_->restart(&error)) << error;
-    ASSERT_TRUE(device.waitFor(sink, kAudioDevicePropertyDeviceIsAlive));
-    ASSERT_TRUE(system.waitFor(kAudioObjectSystemObject, kAudioHardwarePropertyServiceRestarted));
+    const bool restarted = server_->restart(&error);
+    const bool alive = restarted && device.waitFor(sink, kAudioDevicePropertyDeviceIsAlive);
+    const bool reported =
+        alive && system.waitFor(kAudioObjectSystemObject, kAudioHardwarePropertyServiceRestarted);
+    const std::string written = ::testing::internal::GetCapturedStderr();
+    zdr::detail::setAudioLogObserver(nullptr);
+    ASSERT_TRUE(restarted) << error;
+    ASSERT_TRUE(alive);
+    ASSERT_TRUE(reported);
+    EXPECT_EQ(written.find("audio server"), std::string::npos) << written;
+    {
+        std::lock_guard lock(logMutex);
+        auto has = [&](const std::string& text) {
+            return std::any_of(logged.begin(), logged.end(), [&](const std::string& m) {
+                return m.find(text) != std::string::npos;
+            });
+        };
+        EXPECT_TRUE(has("connection to the audio server lost"));
+        EXPECT_TRUE(has("the audio server answers again"));
+    }
     const AudioObjectID rebound = hal_->translateUIDToDevice("zdr_fixture_out");
     EXPECT_NE(rebound, kAudioObjectUnknown);
     EXPECT_NE(rebound, sink);

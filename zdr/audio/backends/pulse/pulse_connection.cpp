@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <thread>
+
+#include "zdr/audio/audio_log.h"
 
 namespace zdr::detail {
 namespace {
@@ -21,8 +22,16 @@ std::atomic<uint32_t> gNextObjectID{0x100};
 
 uint32_t newObjectID() { return gNextObjectID.fetch_add(2, std::memory_order_relaxed); }
 
-void logLine(const char* what, const std::string& detail) {
-    std::fprintf(stderr, "zdr pulse: %s%s%s\n", what, detail.empty() ? "" : ": ", detail.c_str());
+// Through the audio category, which stays silent until the host switches it
+// on: a library never writes to the host's standard error on its own.
+void logLine(AudioLogLevel level, const char* what, const std::string& detail) {
+    if (level == AudioLogLevel::error) {
+        ZDR_AUDIO_LOG(audio, error, "pulse: {}{}{}", what, detail.empty() ? "" : ": ", detail);
+    } else if (level == AudioLogLevel::warning) {
+        ZDR_AUDIO_LOG(audio, warning, "pulse: {}{}{}", what, detail.empty() ? "" : ": ", detail);
+    } else {
+        ZDR_AUDIO_LOG(audio, info, "pulse: {}{}{}", what, detail.empty() ? "" : ": ", detail);
+    }
 }
 
 // Events wait here for the event thread. It is shared with that thread so that
@@ -54,9 +63,9 @@ struct EventQueue {
         try {
             handler(event);
         } catch (const std::exception& e) {
-            logLine("event handler threw", e.what());
+            logLine(AudioLogLevel::error, "event handler threw", e.what());
         } catch (...) {
-            logLine("event handler threw", "unknown exception");
+            logLine(AudioLogLevel::error, "event handler threw", "unknown exception");
         }
     }
 
@@ -341,7 +350,7 @@ struct PulseConnection::Impl {
             sinkIDs.clear();
             sourceIDs.clear();
         }
-        logLine("connection to the audio server lost", "retrying");
+        logLine(AudioLogLevel::warning, "connection to the audio server lost", "retrying");
         events->push(std::move(event));
     }
 
@@ -669,14 +678,14 @@ std::shared_ptr<PulseConnection> PulseConnection::create(Options options, EventH
     impl.events->threadID = impl.eventThread.get_id();
     impl.mainloop = pa_threaded_mainloop_new();
     if (!impl.mainloop) {
-        logLine("could not create the libpulse main loop", "");
+        logLine(AudioLogLevel::error, "could not create the libpulse main loop", "");
         return self;
     }
     pa_threaded_mainloop_set_name(impl.mainloop, "zdr-pulse");
     pa_threaded_mainloop_lock(impl.mainloop);
     if (pa_threaded_mainloop_start(impl.mainloop) < 0) {
         pa_threaded_mainloop_unlock(impl.mainloop);
-        logLine("could not start the libpulse main loop", "");
+        logLine(AudioLogLevel::error, "could not start the libpulse main loop", "");
         pa_threaded_mainloop_free(impl.mainloop);
         impl.mainloop = nullptr;
         return self;
