@@ -142,16 +142,23 @@ std::map<std::string, std::string> readProplist(const pa_proplist* list) {
 }
 
 template <class Info>
-void fillCommon(PulseDevice& d, const Info& info) {
+void fillCommon(PulseDevice& d, const Info& info, bool isMonitor) {
     d.index = info.index;
     d.name = info.name ? info.name : "";
     d.description = info.description ? info.description : d.name;
     d.driver = info.driver ? info.driver : "";
     d.properties = readProplist(info.proplist);
+    d.isMonitor = isMonitor;
+    // pipewire-pulse copies a sink's properties onto its monitor source, so a
+    // monitor's "zdr.uid" and "zdr.hidden" are its sink's, not its own: the
+    // monitor would share the sink's UID (two devices under one key) and
+    // vanish with a hidden sink. A monitor is known by its own name and shown.
     auto uid = d.properties.find("zdr.uid");
-    d.uid = (uid != d.properties.end() && !uid->second.empty()) ? uid->second : d.name;
+    d.uid = (!isMonitor && uid != d.properties.end() && !uid->second.empty()) ? uid->second
+                                                                              : d.name;
     auto hidden = d.properties.find("zdr.hidden");
-    d.hidden = hidden != d.properties.end() && (hidden->second == "1" || hidden->second == "true");
+    d.hidden = !isMonitor && hidden != d.properties.end() &&
+               (hidden->second == "1" || hidden->second == "true");
     d.rate = info.sample_spec.rate;
     d.channels = info.sample_spec.channels;
     d.sampleFormat = info.sample_spec.format;
@@ -179,7 +186,7 @@ void fillCommon(PulseDevice& d, const Info& info) {
 std::shared_ptr<PulseDevice> fromSink(const pa_sink_info& info) {
     auto d = std::make_shared<PulseDevice>();
     d->kind = PulseDeviceKind::sink;
-    fillCommon(*d, info);
+    fillCommon(*d, info, false);
     d->hasHardwareVolume = (info.flags & PA_SINK_HW_VOLUME_CTRL) != 0;
     d->hasDecibelVolume = (info.flags & PA_SINK_DECIBEL_VOLUME) != 0;
     return d;
@@ -188,8 +195,7 @@ std::shared_ptr<PulseDevice> fromSink(const pa_sink_info& info) {
 std::shared_ptr<PulseDevice> fromSource(const pa_source_info& info) {
     auto d = std::make_shared<PulseDevice>();
     d->kind = PulseDeviceKind::source;
-    fillCommon(*d, info);
-    d->isMonitor = info.monitor_of_sink != PA_INVALID_INDEX;
+    fillCommon(*d, info, info.monitor_of_sink != PA_INVALID_INDEX);
     d->hasHardwareVolume = (info.flags & PA_SOURCE_HW_VOLUME_CTRL) != 0;
     d->hasDecibelVolume = (info.flags & PA_SOURCE_DECIBEL_VOLUME) != 0;
     return d;
