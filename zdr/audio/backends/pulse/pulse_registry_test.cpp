@@ -22,10 +22,10 @@ namespace {
 using namespace std::chrono_literals;
 using namespace hal;
 
-class PulseRegistryTest : public zdr::testing::PulseServerTest {
+class PulseRegistryTest : public zdr::testing::AudioServerTest {
  protected:
     void SetUp() override {
-        PulseServerTest::SetUp();
+        AudioServerTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         PulseAudioHardware::Options options;
         options.server = server_->serverString();
@@ -48,7 +48,7 @@ class PulseRegistryTest : public zdr::testing::PulseServerTest {
         // Later tests start from a machine of their own, not this server.
         AudioDevice::_test_resetRegistry(std::make_shared<SimulatedAudioHardware>());
         hw_.reset();
-        PulseServerTest::TearDown();
+        AudioServerTest::TearDown();
     }
 
     // Runs the listener queue and the main queue (this thread drains it).
@@ -75,8 +75,10 @@ class PulseRegistryTest : public zdr::testing::PulseServerTest {
     std::vector<std::shared_ptr<NotificationObserverToken>> observers_;
 };
 
-TEST_F(PulseRegistryTest, UnplugAndReplugKeepTheObject) {
-    auto module = server_->loadNullSink("usbmic", "USB Mic", "zdr.uid=usb-mic");
+ZDR_INSTANTIATE_ON_BOTH_AUDIO_SERVERS(PulseRegistryTest);
+
+TEST_P(PulseRegistryTest, UnplugAndReplugKeepTheObject) {
+    auto module = server_->loadNullSink("usbmic", "USB_Mic", "zdr.uid=usb-mic");
     ASSERT_TRUE(module);
     std::shared_ptr<AudioDevice> device;
     ASSERT_TRUE(
@@ -90,7 +92,7 @@ TEST_F(PulseRegistryTest, UnplugAndReplugKeepTheObject) {
     EXPECT_TRUE(device->isMarkedAsDead());
     EXPECT_FALSE(device->isAlive());
 
-    ASSERT_TRUE(server_->loadNullSink("usbmic", "USB Mic", "zdr.uid=usb-mic"));
+    ASSERT_TRUE(server_->loadNullSink("usbmic", "USB_Mic", "zdr.uid=usb-mic"));
     ASSERT_TRUE(eventually([&] { return count(kAudioDriverDeviceAliveAgain, device.get()) > 0; }));
     EXPECT_FALSE(device->isMarkedAsDead());
     EXPECT_NE(device->deviceID(), firstID);
@@ -98,7 +100,7 @@ TEST_F(PulseRegistryTest, UnplugAndReplugKeepTheObject) {
     EXPECT_GT(count(kAudioDevicesChanged), 0u);
 }
 
-TEST_F(PulseRegistryTest, DefaultOutputFollowsTheServer) {
+TEST_P(PulseRegistryTest, DefaultOutputFollowsTheServer) {
     ASSERT_TRUE(server_->loadNullSink("speakers", "Speakers"));
     ASSERT_TRUE(
         eventually([&] { return AudioDevice::deviceForCoreAudioUID("speakers") != nullptr; }));
@@ -109,7 +111,7 @@ TEST_F(PulseRegistryTest, DefaultOutputFollowsTheServer) {
     EXPECT_EQ(def->deviceUID(), "speakers");
 }
 
-TEST_F(PulseRegistryTest, OutsideChangesReachListenerClosures) {
+TEST_P(PulseRegistryTest, OutsideChangesReachListenerClosures) {
     auto sink = AudioDevice::deviceForCoreAudioUID("zdr_fixture_out");
     ASSERT_TRUE(sink);
     std::atomic<int> volume{0}, mute{0};
@@ -125,7 +127,7 @@ TEST_F(PulseRegistryTest, OutsideChangesReachListenerClosures) {
     sink->removeListenerForToken(t2);
 }
 
-TEST_F(PulseRegistryTest, HiddenDeviceIsFoundByUIDButNotListed) {
+TEST_P(PulseRegistryTest, HiddenDeviceIsFoundByUIDButNotListed) {
     ASSERT_TRUE(
         server_->loadNullSink("preview", "Preview", "zdr.uid=ZDRAudioCapture:4 zdr.hidden=1"));
     std::shared_ptr<AudioDevice> hidden;
@@ -136,7 +138,36 @@ TEST_F(PulseRegistryTest, HiddenDeviceIsFoundByUIDButNotListed) {
     EXPECT_EQ(AudioDevice::findUIDForAudioDeviceID(hidden->deviceID()), "ZDRAudioCapture:4");
 }
 
-TEST_F(PulseRegistryTest, ServerRestartsAreReportedAndDevicesRebound) {
+// pipewire-pulse copies a sink's properties onto its monitor source; the
+// monitor must still be a device of its own, under its own UID, and listed
+// although its sink is hidden.
+TEST_P(PulseRegistryTest, MonitorsKeepTheirOwnUIDAndVisibility) {
+    ASSERT_TRUE(server_->loadNullSink("deskout", "Desk", "zdr.uid=desk-out"));
+    ASSERT_TRUE(server_->loadNullSink("secret", "Secret", "zdr.uid=secret-out zdr.hidden=1"));
+    auto listedInput = [](const std::string& uid) {
+        for (const auto& d : AudioDevice::inputDevices()) {
+            if (d->deviceUID() == uid) return d;
+        }
+        return std::shared_ptr<AudioDevice>();
+    };
+    std::shared_ptr<AudioDevice> sink, monitor, hiddenMonitor;
+    ASSERT_TRUE(eventually([&] {
+        sink = AudioDevice::deviceForCoreAudioUID("desk-out");
+        monitor = listedInput("deskout.monitor");
+        hiddenMonitor = listedInput("secret.monitor");
+        return sink && monitor && hiddenMonitor;
+    })) << "monitors listed: "
+        << (monitor != nullptr) << (hiddenMonitor != nullptr);
+    EXPECT_NE(sink, monitor);
+    EXPECT_NE(sink->deviceID(), monitor->deviceID());
+    EXPECT_EQ(AudioDevice::findUIDForAudioDeviceID(monitor->deviceID()), "deskout.monitor");
+    EXPECT_EQ(AudioDevice::findUIDForAudioDeviceID(sink->deviceID()), "desk-out");
+    // The hidden sink itself keeps its UID and stays out of the lists.
+    EXPECT_NE(hw_->translateUIDToDevice("secret-out"), kAudioObjectUnknown);
+    for (const auto& d : AudioDevice::outputDevices()) EXPECT_NE(d->deviceUID(), "secret-out");
+}
+
+TEST_P(PulseRegistryTest, ServerRestartsAreReportedAndDevicesRebound) {
     auto sink = AudioDevice::deviceForCoreAudioUID("zdr_fixture_out");
     ASSERT_TRUE(sink);
     std::atomic<int> volume{0};
@@ -164,7 +195,7 @@ TEST_F(PulseRegistryTest, ServerRestartsAreReportedAndDevicesRebound) {
     sink->removeListenerForToken(token);
 }
 
-TEST_F(PulseRegistryTest, HotplugStormEndsAliveEveryCycle) {
+TEST_P(PulseRegistryTest, HotplugStormEndsAliveEveryCycle) {
     auto conn = hw_->connection();
     auto module = conn->loadModule("module-null-sink", "sink_name=storm");
     ASSERT_TRUE(module);
