@@ -363,6 +363,7 @@ class AudioDevice : public ObservableObject,
     void asyncPropertyListenerNotification(hal::AudioObjectPropertyElement element, bool isInput,
                                            hal::AudioObjectPropertySelector selector);
     hal::UInt32 channelCount(bool isInput, const char* cacheKey);
+    bool belongsToCurrentRegistry() const;
     std::shared_ptr<AudioChannelOwner> channelOwner() const;
 
     std::unique_ptr<hal::CAHALAudioDevice> coreAudioDevice_;

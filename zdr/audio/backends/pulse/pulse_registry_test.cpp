@@ -167,6 +167,42 @@ TEST_P(PulseRegistryTest, MonitorsKeepTheirOwnUIDAndVisibility) {
     for (const auto& d : AudioDevice::outputDevices()) EXPECT_NE(d->deviceUID(), "secret-out");
 }
 
+// An app recording from a device must learn of every cut: each disappearance
+// of a registered device is reported as gone dead, and each return as alive
+// again, with unplug and replug 24 ms apart, as a flaky cable or a script makes
+// them. Run after another test of the same process too, whose device objects
+// of the same UID outlive their registry.
+TEST_P(PulseRegistryTest, RapidUnplugAndReplugReportEveryCycle) {
+    auto conn = hw_->connection();
+    const std::string args = "sink_name=flicker sink_properties=zdr.uid=flicker-out";
+    auto module = conn->loadModule("module-null-sink", args);
+    ASSERT_TRUE(module);
+    std::shared_ptr<AudioDevice> device;
+    ASSERT_TRUE(
+        eventually([&] { return (device = AudioDevice::deviceForCoreAudioUID("flicker-out")); }));
+    constexpr int kCycles = 50;
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        ASSERT_EQ(conn->unloadModule(*module), detail::PulseCallResult::ok) << "cycle " << cycle;
+        std::this_thread::sleep_for(24ms);  // paces the cycles; nothing waits on it
+        module = conn->loadModule("module-null-sink", args);
+        ASSERT_TRUE(module) << "cycle " << cycle;
+        std::this_thread::sleep_for(24ms);
+    }
+    // Generous: the notifications of fifty cycles may still be on their way.
+    EXPECT_TRUE(eventually(
+        [&] {
+            return count(kAudioDriverDeviceAliveAgain, device.get()) >= kCycles &&
+                   !device->isMarkedAsDead();
+        },
+        20000ms));
+    // Each death is reported by the device-list handler and may be again by
+    // the device's own listener; the returns are counted exactly.
+    EXPECT_GE(count(kAudioDriverDeviceGoneDead, device.get()), static_cast<size_t>(kCycles));
+    EXPECT_LE(count(kAudioDriverDeviceGoneDead, device.get()), static_cast<size_t>(2 * kCycles));
+    EXPECT_EQ(count(kAudioDriverDeviceAliveAgain, device.get()), static_cast<size_t>(kCycles));
+    EXPECT_EQ(AudioDevice::deviceForCoreAudioUID("flicker-out"), device);
+}
+
 TEST_P(PulseRegistryTest, ServerRestartsAreReportedAndDevicesRebound) {
     auto sink = AudioDevice::deviceForCoreAudioUID("zdr_fixture_out");
     ASSERT_TRUE(sink);
