@@ -6,6 +6,7 @@
 #include "zdr/testing/eventually.h"
 
 #include <chrono>
+#include <cmath>
 #include <mutex>
 #include <thread>
 
@@ -201,6 +202,42 @@ TEST_P(PulseRegistryTest, RapidUnplugAndReplugReportEveryCycle) {
     EXPECT_LE(count(kAudioDriverDeviceGoneDead, device.get()), static_cast<size_t>(2 * kCycles));
     EXPECT_EQ(count(kAudioDriverDeviceAliveAgain, device.get()), static_cast<size_t>(kCycles));
     EXPECT_EQ(AudioDevice::deviceForCoreAudioUID("flicker-out"), device);
+}
+
+// The default-output proxy, held as a plain AudioDevice, acts on the server's
+// default sink (a sink has main volume and mute controls on both servers).
+TEST_P(PulseRegistryTest, ProxyActsOnTheServersDefaultOutput) {
+    auto proxy = AudioDevice::proxiedDefaultSystemOutput();
+    ASSERT_TRUE(eventually([] {
+        auto d = AudioDevice::defaultOutputDevice();
+        return d && d->deviceUID() == "zdr_fixture_out";
+    }));
+    auto pactlOut = [&](std::vector<std::string> args) {
+        std::string out;
+        EXPECT_TRUE(server_->pactl(args, &out));
+        return out;
+    };
+    proxy->setOutputVolume(0.3f);
+    EXPECT_TRUE(eventually([&] {
+        return pactlOut({"get-sink-volume", "zdr_fixture_out"}).find(" 30%") != std::string::npos;
+    }));
+    proxy->setMuted(true);
+    EXPECT_TRUE(eventually([&] {
+        return pactlOut({"get-sink-mute", "zdr_fixture_out"}).find("yes") != std::string::npos;
+    }));
+    EXPECT_TRUE(proxy->muted());
+    EXPECT_NEAR(proxy->outputVolume(), 0.3f, 0.01f);
+
+    // A new default from outside: the next calls reach it.
+    ASSERT_TRUE(server_->loadNullSink("second", "Second"));
+    ASSERT_TRUE(server_->pactl({"set-default-sink", "second"}));
+    ASSERT_TRUE(server_->pactl({"set-sink-volume", "second", "70%"}));
+    EXPECT_TRUE(eventually([&] { return std::abs(proxy->outputVolume() - 0.7f) < 0.01f; }));
+    EXPECT_FALSE(proxy->muted());
+    proxy->setMuted(true);
+    EXPECT_TRUE(eventually([&] {
+        return pactlOut({"get-sink-mute", "second"}).find("yes") != std::string::npos;
+    }));
 }
 
 TEST_P(PulseRegistryTest, ServerRestartsAreReportedAndDevicesRebound) {
