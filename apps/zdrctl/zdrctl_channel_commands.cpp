@@ -70,6 +70,38 @@ std::optional<float> channelVolume(const std::shared_ptr<AudioDevice>& d, const 
     }
 }
 
+// The label of each channel on one side: the one chosen for the channel, else
+// the one the device's own channel layout gives its position (Left, Right,
+// Center, LFE...); none where neither says. The layout is read from the
+// hardware for the side as it is: the library's preferred layout deliberately
+// compares with the record side's count, which leaves outputs discrete.
+std::vector<std::string> channelLabels(const std::shared_ptr<AudioDevice>& d,
+                                       const AudioDevice::ChannelList& channels, bool record) {
+    std::vector<std::string> labels(channels.size());
+    std::optional<AudioChannelLayout> layout;
+    if (auto* hal = d->coreAudioDevice()) {
+        try {
+            if (hal->HasPreferredChannelLayout(record)) {
+                layout = hal->GetPreferredChannelLayout(record);
+            }
+        } catch (const CAException&) {
+            // No layout: only chosen labels are shown.
+        }
+    }
+    for (std::size_t i = 0; i < channels.size(); ++i) {
+        if (auto chosen = channels[i]->selectedLabel()) {
+            labels[i] = chosen->name();
+            continue;
+        }
+        const auto index = static_cast<std::size_t>(channels[i]->index());
+        if (!layout || index >= layout->mChannelDescriptions.size()) continue;
+        const AudioChannelLabel tag = layout->mChannelDescriptions[index].mChannelLabel;
+        if (tag == kAudioChannelLabel_Unknown || tag == kAudioChannelLabel_Unused) continue;
+        if (auto named = ChannelLabel::labelForChannelTag(tag)) labels[i] = named->name();
+    }
+    return labels;
+}
+
 }  // namespace
 
 std::shared_ptr<AudioDevice> findDevice(const std::string& nameOrUID) {
@@ -174,13 +206,15 @@ void printChannels(std::ostream& out, const std::vector<std::shared_ptr<AudioDev
         out << d->deviceName() << "\n";
         d->recordChannels();  // a rebuilt record list is visible from the next read
         for (bool record : {true, false}) {
-            for (const auto& c : record ? d->recordChannels() : d->playbackChannels()) {
-                const auto label = c->selectedLabel();
+            const auto channels = record ? d->recordChannels() : d->playbackChannels();
+            const auto labels = channelLabels(d, channels, record);
+            for (std::size_t i = 0; i < channels.size(); ++i) {
+                const auto& c = channels[i];
                 const auto volume = channelVolume(d, *c, record);
                 out << "  " << (record ? "in  " : "out ") << c->name() << "  volume "
                     << (volume ? fixed(*volume) : std::string("-"))
                     << (record && c->muted() ? "  muted" : "")
-                    << (label ? "  label " + label->name() : "") << "\n";
+                    << (labels[i].empty() ? "" : "  label " + labels[i]) << "\n";
             }
         }
     }
@@ -190,15 +224,18 @@ nlohmann::json channelsJSON(const std::shared_ptr<AudioDevice>& device) {
     nlohmann::json list = nlohmann::json::array();
     device->recordChannels();
     for (bool record : {true, false}) {
-        for (const auto& c : record ? device->recordChannels() : device->playbackChannels()) {
-            const auto label = c->selectedLabel();
+        const auto channels = record ? device->recordChannels() : device->playbackChannels();
+        const auto labels = channelLabels(device, channels, record);
+        for (std::size_t i = 0; i < channels.size(); ++i) {
+            const auto& c = channels[i];
             const auto volume = channelVolume(device, *c, record);
-            list.push_back({{"side", record ? "input" : "output"},
-                            {"index", c->index()},
-                            {"name", c->name()},
-                            {"volume", volume ? nlohmann::json(*volume) : nlohmann::json()},
-                            {"muted", record && c->muted()},
-                            {"label", label ? nlohmann::json(label->name()) : nlohmann::json()}});
+            list.push_back(
+                {{"side", record ? "input" : "output"},
+                 {"index", c->index()},
+                 {"name", c->name()},
+                 {"volume", volume ? nlohmann::json(*volume) : nlohmann::json()},
+                 {"muted", record && c->muted()},
+                 {"label", labels[i].empty() ? nlohmann::json() : nlohmann::json(labels[i])}});
         }
     }
     return list;

@@ -99,7 +99,13 @@ TEST_F(ZdrctlChannels, DevicesWithChannels) {
     EXPECT_EQ(runDevices(o, out_, err_), kExitOK);
     const std::string text = out_.str();
     EXPECT_NE(text.find("  out Ch 1  volume 0.60"), std::string::npos) << text;
+    // Without a chosen label, the position the device's layout gives it.
+    EXPECT_NE(text.find("  out Ch 1  volume 0.60  label Left\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("  out Ch 2  volume 0.60  label Right\n"), std::string::npos) << text;
     EXPECT_NE(text.find("  in  Ch 2  volume 0.75"), std::string::npos) << text;
+    // A chosen label wins over the layout's.
+    auto speakers = AudioDevice::deviceForCoreAudioUID(std::string("BuiltInSpeakerDevice"));
+    speakers->playbackChannels()[1]->setSelectedLabel(ChannelLabel::mono());
     out_.str("");
     o.json = true;
     EXPECT_EQ(runDevices(o, out_, err_), kExitOK);
@@ -110,6 +116,8 @@ TEST_F(ZdrctlChannels, DevicesWithChannels) {
             ASSERT_EQ(d["channels"].size(), 2u);
             EXPECT_EQ(d["channels"][0]["side"], "output");
             EXPECT_NEAR(d["channels"][0]["volume"].get<double>(), 0.6, 1e-6);
+            EXPECT_EQ(d["channels"][0]["label"], "Left");
+            EXPECT_EQ(d["channels"][1]["label"], "Mono");  // chosen below
             found = true;
         }
     }

@@ -74,8 +74,31 @@ bool applyLogOption(const Options& options, std::ostream& err) {
     return true;
 }
 
+int standInForMissingServer(Command command, std::ostream& err) {
+    static constexpr const char* kNoServer =
+        "zdrctl: no audio server answers (PulseAudio, or PipeWire with pipewire-pulse)";
+    switch (command) {
+        case Command::volume:
+        case Command::mute:
+        case Command::defaultDevice:
+            // Changing the simulated machine would report a change that never
+            // reached any hardware.
+            err << kNoServer
+                << "; nothing was changed. Start the audio server, or use --backend simulated "
+                   "to act on the simulated machine.\n";
+            return kExitBackend;
+        default:
+            err << kNoServer << "; showing the simulated machine.\n";
+            return kExitOK;
+    }
+}
+
 int installBackend(const Options& options, bool forceSimulated, std::ostream& err,
                    std::shared_ptr<SimulatedAudioHardware>* simulated) {
+    if (forceSimulated && !options.hardware) {
+        err << "zdrctl: " << (options.command == Command::demo ? "demo" : "this")
+            << " runs on the simulated machine, not on this computer's audio devices.\n";
+    }
     if (options.hardware || forceSimulated) {
         SimulatedHardwareDescription description = SimulatedAudioHardware::defaultDesktop();
         if (options.hardware) {
@@ -114,6 +137,12 @@ int installBackend(const Options& options, bool forceSimulated, std::ostream& er
     auto hw = AudioHardware::current();
     if (auto problem = AudioHardware::lastSelectionProblem()) err << "zdrctl: " << *problem << "\n";
     if (simulated) *simulated = std::dynamic_pointer_cast<SimulatedAudioHardware>(hw);
+    // The simulated machine chosen only because no server answered, not asked for.
+    const char* env = std::getenv("ZDR_AUDIO_BACKEND");
+    const bool askedForSimulated = env != nullptr && std::string(env) == "simulated";
+    if (std::dynamic_pointer_cast<SimulatedAudioHardware>(hw) && !askedForSimulated) {
+        return standInForMissingServer(options.command, err);
+    }
     return kExitOK;
 }
 
@@ -169,6 +198,30 @@ std::string timeNow() {
     return buf;
 }
 
+}  // namespace
+
+std::string propertyName(UInt32 selector) {
+    std::string name = AudioDevice::nameForPropertyID(selector);
+    if (name.rfind("[Unknown", 0) != 0) return name;
+    // The library's table leaves out some of what a user sees change most.
+    switch (selector) {
+        case kAudioDevicePropertyMute:
+            return "kAudioDevicePropertyMute";
+        case kAudioDevicePropertyVolumeScalar:
+            return "kAudioDevicePropertyVolumeScalar";
+        case kAudioDevicePropertyVolumeDecibels:
+            return "kAudioDevicePropertyVolumeDecibels";
+        case kAudioDevicePropertyDataSource:
+            return "kAudioDevicePropertyDataSource";
+        case kAudioDevicePropertyDeviceIsAlive:
+            return "kAudioDevicePropertyDeviceIsAlive";
+        default:
+            return name;
+    }
+}
+
+namespace {
+
 // Prints notifications and property changes as they arrive, on the main queue.
 class Watcher : public AudioDeviceDelegate, public std::enable_shared_from_this<Watcher> {
  public:
@@ -188,7 +241,27 @@ class Watcher : public AudioDeviceDelegate, public std::enable_shared_from_this<
                                                              self->notification(n);
                                                      }));
         }
+        // The library announces a new default output; a new default input
+        // only reaches listeners of the system object.
+        std::weak_ptr<Watcher> weak = weak_from_this();
+        defaultInputListener_ = makeListenerBlock(
+            [weak](AudioObjectID, const std::vector<AudioObjectPropertyAddress>&) {
+                DispatchQueue::main().async([weak] {
+                    if (auto self = weak.lock()) self->defaultInputChanged();
+                });
+            });
+        hardware_ = AudioHardware::current();
+        hardware_->addPropertyListenerBlock(kAudioObjectSystemObject, kDefaultInputAddress,
+                                            AudioDevice::notificationQueue(),
+                                            defaultInputListener_);
         adoptDevices();
+    }
+    ~Watcher() override {
+        if (hardware_ && defaultInputListener_) {
+            hardware_->removePropertyListenerBlock(kAudioObjectSystemObject, kDefaultInputAddress,
+                                                   AudioDevice::notificationQueue(),
+                                                   defaultInputListener_);
+        }
     }
 
     // Becomes the delegate of every listed device (new ones included).
@@ -206,7 +279,7 @@ class Watcher : public AudioDeviceDelegate, public std::enable_shared_from_this<
         const UInt32 element =
             dictionaryGet<UInt32>(info, kPropertyChangeChannelNumber).value_or(0);
         const bool isInput = dictionaryGet<std::uint8_t>(info, kPropertyChangeIsInput).value_or(0);
-        std::string what = AudioDevice::nameForPropertyID(selector);
+        std::string what = propertyName(selector);
         if (selector == kAudioDevicePropertyMute || selector == kAudioDevicePropertyVolumeScalar ||
             selector == kAudioDevicePropertyVolumeDecibels) {
             what += std::string(isInput ? " input" : " output") +
@@ -220,6 +293,16 @@ class Watcher : public AudioDeviceDelegate, public std::enable_shared_from_this<
     std::ostream& out() { return out_; }
 
  private:
+    static constexpr AudioObjectPropertyAddress kDefaultInputAddress{
+        kAudioHardwarePropertyDefaultInputDevice, kAudioObjectPropertyScopeGlobal,
+        kAudioObjectPropertyElementMain};
+
+    void defaultInputChanged() {
+        out_ << timeNow() << "  default input changed";
+        if (auto d = AudioDevice::defaultInputDevice()) out_ << "  now " << d->deviceName();
+        out_ << std::endl;
+    }
+
     void notification(const Notification& n) {
         out_ << timeNow() << "  " << n.name;
         if (auto* device = static_cast<AudioDevice*>(n.object.get())) {
@@ -243,6 +326,10 @@ class Watcher : public AudioDeviceDelegate, public std::enable_shared_from_this<
             switch (selector) {
                 case kAudioDevicePropertyVolumeScalar:
                     s << std::setprecision(3) << hal->GetVolumeControlScalarValue(scope, element);
+                    break;
+                case kAudioDevicePropertyVolumeDecibels:
+                    s << std::fixed << std::setprecision(1)
+                      << hal->GetVolumeControlDecibelValue(scope, element) << " dB";
                     break;
                 case kAudioDevicePropertyMute:
                     s << (hal->GetMuteControlValue(scope, element) ? "muted" : "unmuted");
@@ -269,6 +356,8 @@ class Watcher : public AudioDeviceDelegate, public std::enable_shared_from_this<
     }
 
     std::ostream& out_;
+    std::shared_ptr<AudioHardware> hardware_;
+    ListenerBlockRef defaultInputListener_;
     std::vector<std::shared_ptr<NotificationObserverToken>> observers_;
     std::set<const AudioDevice*> adopted_;
     std::vector<std::shared_ptr<AudioDevice>> devices_;  // keeps adopted devices' addresses unique
@@ -351,7 +440,9 @@ int runWatch(const Options& options, std::ostream& out, std::ostream& err, int s
                 *options.seconds -
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
             if (left <= 0) break;
-            timeoutMs = static_cast<int>(std::ceil(left * 1000.0));
+            // Bounded by the option parser; clamped again so the conversion
+            // can never leave int's range.
+            timeoutMs = static_cast<int>(std::min(std::ceil(left * 1000.0), 2147483647.0));
         }
         pollfd fds[2] = {{DispatchQueue::main().pollFd(), POLLIN, 0}, {stopFd, POLLIN, 0}};
         const int n = ::poll(fds, stopFd >= 0 ? 2 : 1, timeoutMs);

@@ -19,7 +19,7 @@ Commands:
                        --json prints one JSON array for scripts.
   watch [--seconds N]  Print every device notification and property change as it
                        happens (time, device, what changed) until interrupted
-                       (Ctrl-C, SIGTERM) or for N seconds.
+                       (Ctrl-C, SIGTERM) or for N seconds (at most a week).
   demo                 On the simulated backend: unplug and replug a device,
                        restart the audio server, change the default output and a
                        volume, and show that the same device objects come back.
@@ -98,6 +98,10 @@ ParseResult parseArguments(const std::vector<std::string>& args) {
             const double s = std::strtod(v->c_str(), &end);
             if (errno != 0 || end == v->c_str() || *end != '\0' || !std::isfinite(s) || s < 0) {
                 return fail("--seconds needs a non-negative number, not \"" + *v + "\"");
+            }
+            if (s > kMaxWatchSeconds) {
+                return fail("--seconds must be at most 604800 (a week), not \"" + *v +
+                            "\"; leave it out to watch until interrupted");
             }
             o.seconds = s;
         } else if (!a.empty() && a[0] == '-') {

@@ -18,6 +18,10 @@ enum ExitCode : int {
     kExitBackend = 4,       // the requested backend is unknown or unavailable
 };
 
+/// The longest `watch --seconds` accepted: a week. Longer watches run until
+/// interrupted; the bound keeps the wait a valid poll timeout.
+inline constexpr double kMaxWatchSeconds = 7 * 24 * 3600.0;
+
 enum class Command { devices, watch, demo, volume, mute, defaultDevice, help };
 
 struct Options {

@@ -2,9 +2,14 @@
 // machine, and the demo's identity checks.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "apps/zdrctl/zdrctl_commands.h"
 #include "apps/zdrctl/zdrctl_options.h"
@@ -33,7 +38,8 @@ TEST(ZdrctlOptions, CommandsAndOptions) {
 
 TEST(ZdrctlOptions, BadArgumentsAreNamed) {
     EXPECT_EQ(parse({}).error, "no command given (devices, watch, demo, volume, mute or default)");
-    EXPECT_EQ(parse({"list"}).error, "unknown command \"list\" (devices, watch, demo, volume, mute or default)");
+    EXPECT_EQ(parse({"list"}).error,
+              "unknown command \"list\" (devices, watch, demo, volume, mute or default)");
     EXPECT_EQ(parse({"devices", "--colour"}).error, "unknown option \"--colour\"");
     EXPECT_EQ(parse({"devices", "--backend"}).error, "--backend needs a name (pulse or simulated)");
     EXPECT_EQ(parse({"watch", "--seconds", "soon"}).error,
@@ -41,6 +47,13 @@ TEST(ZdrctlOptions, BadArgumentsAreNamed) {
     EXPECT_EQ(parse({"watch", "--seconds", "-1"}).error,
               "--seconds needs a non-negative number, not \"-1\"");
     EXPECT_EQ(parse({"devices", "--seconds", "1"}).error, "--seconds belongs to \"watch\"");
+    // Beyond a week the wait would overflow poll's millisecond timeout.
+    for (const char* tooLong : {"1e300", "2.2e6", "604800.5"}) {
+        EXPECT_EQ(parse({"watch", "--seconds", tooLong}).error,
+                  std::string("--seconds must be at most 604800 (a week), not \"") + tooLong +
+                      "\"; leave it out to watch until interrupted");
+    }
+    EXPECT_EQ(parse({"watch", "--seconds", "604800"}).options->seconds, 604800.0);
     EXPECT_EQ(parse({"demo", "--backend", "pulse"}).error,
               "demo runs on the simulated backend; it cannot be used with --backend pulse");
     EXPECT_EQ(parse({"devices", "extra"}).error, "unexpected argument \"extra\"");
@@ -125,6 +138,56 @@ TEST_F(ZdrctlCommands, WatchStopsAfterItsSeconds) {
     ASSERT_EQ(install(o, true), kExitOK);
     EXPECT_EQ(runWatch(o, out_, err_, -1), kExitOK);
     EXPECT_NE(out_.str().find("Stopped."), std::string::npos);
+}
+
+TEST_F(ZdrctlCommands, WatchReportsDefaultInputMuteAndDecibelsReadably) {
+    Options o;
+    o.command = Command::watch;
+    std::shared_ptr<hal::SimulatedAudioHardware> sim;
+    ASSERT_EQ(installBackend(o, true, err_, &sim), kExitOK);
+    AudioDevice::_test_resetRegistry(sim);
+    int stop[2];
+    ASSERT_EQ(::pipe2(stop, O_CLOEXEC), 0);
+    const char* speakers = "BuiltInSpeakerDevice";
+    // Changes from outside while watch runs; then the stop signal. The pauses
+    // only order the changes after watch has started; nothing is timed.
+    std::thread outside([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        sim->setDefaultDevice(true, false, "AppleUSBAudioEngine:Logitech:USB Headset:14200000:1,2");
+        sim->setMute(speakers, false, 0, true);
+        sim->raise(speakers, {{hal::kAudioDevicePropertyVolumeDecibels,
+                               hal::kAudioObjectPropertyScopeOutput, 0}});
+        std::this_thread::sleep_for(std::chrono::milliseconds(800));
+        const char byte = 1;
+        (void)!::write(stop[1], &byte, 1);
+    });
+    EXPECT_EQ(runWatch(o, out_, err_, stop[0]), kExitOK);
+    outside.join();
+    ::close(stop[0]);
+    ::close(stop[1]);
+    const std::string text = out_.str();
+    EXPECT_NE(text.find("default input changed  now USB Headset"), std::string::npos) << text;
+    EXPECT_NE(text.find("kAudioDevicePropertyMute output main = muted"), std::string::npos) << text;
+    EXPECT_EQ(text.find("[Unknown"), std::string::npos) << text;
+    // 0.6 on the scalar scale, in decibels.
+    EXPECT_NE(text.find("kAudioDevicePropertyVolumeDecibels output main = -"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find(" dB"), std::string::npos) << text;
+}
+
+TEST(ZdrctlStandIn, ChangesRefuseAndViewsSayTheSimulatedMachineIsShown) {
+    for (Command c : {Command::volume, Command::mute, Command::defaultDevice}) {
+        std::ostringstream err;
+        EXPECT_EQ(standInForMissingServer(c, err), kExitBackend);
+        EXPECT_NE(err.str().find("no audio server answers (PulseAudio, or PipeWire"),
+                  std::string::npos);
+        EXPECT_NE(err.str().find("nothing was changed"), std::string::npos);
+    }
+    for (Command c : {Command::devices, Command::watch}) {
+        std::ostringstream err;
+        EXPECT_EQ(standInForMissingServer(c, err), kExitOK);
+        EXPECT_NE(err.str().find("showing the simulated machine"), std::string::npos);
+    }
 }
 
 }  // namespace

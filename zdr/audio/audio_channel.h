@@ -45,6 +45,8 @@ namespace zdr {
 /// Posted from the main queue when a channel's label changes; object: the channel.
 inline constexpr const char* kAudioChannelLabelChanged = "kAudioChannelLabelChanged";
 
+class AudioChannel;
+
 /// What a channel and the channel lists need of their device.
 class AudioChannelOwner {
  public:
@@ -63,6 +65,14 @@ class AudioChannelOwner {
     virtual bool hasMasterOutputMute() const = 0;
     /// The device's own recursive lock.
     virtual std::recursive_mutex& channelDeviceLock() const = 0;
+    /// The channel list the device-level volume, mute and meter operations
+    /// work on. None (the default) means the lists kept beside the owner; a
+    /// device that stands for another one answers that device's list, so the
+    /// operations follow it.
+    virtual std::optional<std::vector<std::shared_ptr<AudioChannel>>> channelsOfSide(bool isInput) {
+        (void)isInput;
+        return std::nullopt;
+    }
 };
 
 class AudioChannel : public std::enable_shared_from_this<AudioChannel> {

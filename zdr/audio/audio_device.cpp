@@ -304,10 +304,33 @@ bool AudioDevice::isMarkedAsDead() const {
     auto& table = possiblyDead();
     const std::string key = singletonKey();
     std::lock_guard lock(table.lock);
-    return table.devices.count(key) != 0;
+    // This object, not merely one of its UID: another object parked under the
+    // same UID must not stop this one from being marked (it would then stay
+    // registered and never be reported alive again).
+    auto it = table.devices.find(key);
+    return it != table.devices.end() && it->second.get() == this;
+}
+
+bool AudioDevice::belongsToCurrentRegistry() const {
+    // Only the one object the registry holds for a UID (or, while none is
+    // registered, the one parked as possibly dead) moves between the tables.
+    // Another object of the same UID (a device made before the registry was
+    // set up again on other hardware, or a twin made directly) keeps working,
+    // but must never displace the live object: it would then stay registered
+    // while dead and never be reported alive again.
+    auto& cls = audioDeviceClass();
+    if (coreAudioDevice_ && coreAudioDevice_->hardware() != cls.hardware) return false;
+    const std::string key = singletonKey();
+    std::lock_guard lock(cls.registryLock);
+    if (auto it = cls.registry.find(key); it != cls.registry.end()) return it->second.get() == this;
+    auto& table = possiblyDead();
+    std::lock_guard deadLock(table.lock);
+    auto it = table.devices.find(key);
+    return it == table.devices.end() || it->second.get() == this;
 }
 
 void AudioDevice::markDeviceAsNotAlive() {
+    if (!belongsToCurrentRegistry()) return;
     const std::string key = singletonKey();
     {
         auto& table = possiblyDead();
@@ -338,6 +361,7 @@ bool AudioDevice::refindDeviceIDBasedOnUID() {
         deviceID_.store(fresh.GetObjectID());
         auto& cls = audioDeviceClass();
         std::lock_guard lock(cls.registryLock);
+        if (!belongsToCurrentRegistry()) return true;  // re-bound, not registered
         cls.registry[uid] = shared_from_this();
         // The possibly-dead lock is taken here too (after the registry lock,
         // the one order allowed) so the table is never changed unguarded.

@@ -153,7 +153,7 @@ class AudioDevice : public ObservableObject,
 
     virtual bool hasMasterOutputVolume() const { return hasMasterOutputVolume_.load(); }
     virtual bool hasMasterInputVolume() const { return hasMasterInputVolume_.load(); }
-    bool hasMasterOutputMute() const { return hasMasterOutputMute_.load(); }
+    virtual bool hasMasterOutputMute() const { return hasMasterOutputMute_.load(); }
     virtual bool mono() const { return mono_.load(); }
     void setMono(bool mono) { mono_.store(mono); }
     bool listenerInstalled() const { return listenerInstalled_.load(); }
@@ -293,6 +293,12 @@ class AudioDevice : public ObservableObject,
     using ChannelList = std::vector<std::shared_ptr<AudioChannel>>;
     virtual ChannelList recordChannels();
     virtual ChannelList playbackChannels();
+    /// The lists above, through the virtual accessors: the device-level
+    /// operations below reach them this way, so on a device that stands for
+    /// another (the default-output proxy) they follow that device.
+    std::optional<ChannelList> channelsOfSide(bool isInput) override {
+        return isInput ? recordChannels() : playbackChannels();
+    }
     /// The record channel at `index`; null (with a logged error) out of range.
     std::shared_ptr<AudioChannel> channelForIndex(std::int64_t index);
     /// NaN for a side without channels.
@@ -357,6 +363,7 @@ class AudioDevice : public ObservableObject,
     void asyncPropertyListenerNotification(hal::AudioObjectPropertyElement element, bool isInput,
                                            hal::AudioObjectPropertySelector selector);
     hal::UInt32 channelCount(bool isInput, const char* cacheKey);
+    bool belongsToCurrentRegistry() const;
     std::shared_ptr<AudioChannelOwner> channelOwner() const;
 
     std::unique_ptr<hal::CAHALAudioDevice> coreAudioDevice_;

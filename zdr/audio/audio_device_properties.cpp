@@ -158,9 +158,11 @@ bool AudioDevice::doesDeviceHaveStreams(bool isInput) const {
 }
 
 UInt32 AudioDevice::numberOfChannels(bool isInput) const {
-    if (!coreAudioDevice_) return 0;
+    // Through the accessor: the default-output proxy answers its device's wrapper.
+    auto* hal = coreAudioDevice();
+    if (hal == nullptr) return 0;
     try {
-        return coreAudioDevice_->GetTotalNumberChannels(isInput);
+        return hal->GetTotalNumberChannels(isInput);
     } catch (const CAException& e) {
         ZDR_AUDIO_LOG(app, error, "Cannot get the numberOfChannels for {}, error: {}", deviceName(),
                       e.GetError());
@@ -338,16 +340,24 @@ UInt32 AudioDevice::createDefaultChannelLayout(AudioChannelLayout* layout,
                         "Cannot return a new audio channel layout, no pointer specified");
     }
     std::lock_guard lock(selfLock_);
-    // Until channel objects carry user-chosen labels, the existing labels are
-    // the discrete ones.
-    (void)useExistingChannelLabels;
-    const UInt32 n = recordingSide ? recordingChannelCount() : playbackChannelCount();
+    // Through the virtual accessors, so the default-output proxy describes
+    // its device's channels. Counting first rebuilds a list whose size
+    // changed; the read that follows already sees the rebuilt list.
+    (void)(recordingSide ? recordingChannelCount() : playbackChannelCount());
+    const ChannelList channels = recordingSide ? recordChannels() : playbackChannels();
+    const auto n = static_cast<UInt32>(channels.size());
     AudioChannelLayout out;
     out.mChannelLayoutTag = kAudioChannelLayoutTag_UseChannelDescriptions;
     out.mChannelBitmap = 0;
     out.mChannelDescriptions.resize(n);
     for (UInt32 i = 0; i < n; ++i) {
-        out.mChannelDescriptions[i].mChannelLabel = kAudioChannelLabel_Discrete_0 + i;
+        UInt32 label = kAudioChannelLabel_Discrete_0 + i;
+        if (useExistingChannelLabels) {
+            // A channel without a chosen label is described as unused (label 0).
+            const auto selected = channels[i]->selectedLabel();
+            label = selected ? selected->label() : kAudioChannelLabel_Unused;
+        }
+        out.mChannelDescriptions[i].mChannelLabel = label;
     }
     *layout = std::move(out);
     return sizeOfAudioChannelLayout(n);
@@ -378,15 +388,14 @@ UInt32 AudioDevice::preferredChannelLayout(AudioChannelLayout* layout, bool reco
         throw Exception("NoLayout",
                         "Cannot return a new audio channel layout, no pointer specified");
     }
-    if (!coreAudioDevice_) return createDefaultChannelLayout(layout, false, recordingSide);
-    auto& hw = *coreAudioDevice_->hardware();
+    auto* device = coreAudioDevice();
+    if (device == nullptr) return createDefaultChannelLayout(layout, false, recordingSide);
+    auto& hw = *device->hardware();
+    // The device's preferred layout, at the global scope and main element,
+    // whichever side is asked about.
     const auto address = globalMain(kAudioDevicePropertyPreferredChannelLayout);
-    // The preferred layout is asked for in the side's scope: the platform
-    // publishes it per scope.
-    const AudioObjectPropertyAddress scoped{address.mSelector, scopeForIsInput(recordingSide),
-                                            address.mElement};
     UInt32 size = 0;
-    OSStatus status = hw.getPropertyDataSize(deviceID(), scoped, nullptr, size);
+    OSStatus status = hw.getPropertyDataSize(deviceID(), address, nullptr, size);
     if (status == kAudioHardwareUnknownPropertyError) {
         return createDefaultChannelLayout(layout, false, recordingSide);
     }
@@ -396,7 +405,7 @@ UInt32 AudioDevice::preferredChannelLayout(AudioChannelLayout* layout, bool reco
             fmt::format("Unable to get the preferred device channel layout size, {}", status));
     }
     PropertyValue value;
-    status = hw.getPropertyData(deviceID(), scoped, nullptr, value);
+    status = hw.getPropertyData(deviceID(), address, nullptr, value);
     const auto* read = value.getIf<AudioChannelLayout>();
     if (status != kAudioHardwareNoError || read == nullptr) {
         throw Exception(

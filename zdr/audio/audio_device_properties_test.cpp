@@ -155,7 +155,7 @@ TEST_F(Properties, ChannelLayouts) {
     AudioChannelLayout unknown;
     unknown.mChannelDescriptions.resize(2);
     hw_->changeProperty(
-        kMic, {kAudioDevicePropertyPreferredChannelLayout, kAudioObjectPropertyScopeInput, 0},
+        kMic, {kAudioDevicePropertyPreferredChannelLayout, kAudioObjectPropertyScopeGlobal, 0},
         PropertyValue(unknown));
     EXPECT_EQ(mic->preferredChannelLayout(&layout, true), 72u);
     EXPECT_EQ(layout.mChannelDescriptions[0].mChannelLabel, kAudioChannelLabel_Discrete_0);
@@ -166,10 +166,18 @@ TEST_F(Properties, ChannelLayouts) {
     stereo.mChannelDescriptions[0].mChannelLabel = kAudioChannelLabel_Left;
     stereo.mChannelDescriptions[1].mChannelLabel = kAudioChannelLabel_Right;
     hw_->changeProperty(
-        kMic, {kAudioDevicePropertyPreferredChannelLayout, kAudioObjectPropertyScopeInput, 0},
+        kMic, {kAudioDevicePropertyPreferredChannelLayout, kAudioObjectPropertyScopeGlobal, 0},
         PropertyValue(stereo));
+    // The device's layout is read at the global scope, not the side's.
+    AudioChannelLayout other = stereo;
+    other.mChannelDescriptions[0].mChannelLabel = kAudioChannelLabel_Center;
+    other.mChannelDescriptions[1].mChannelLabel = kAudioChannelLabel_LFEScreen;
+    hw_->changeProperty(
+        kMic, {kAudioDevicePropertyPreferredChannelLayout, kAudioObjectPropertyScopeInput, 0},
+        PropertyValue(other));
     EXPECT_EQ(mic->preferredChannelLayout(&layout, true), 52u);
     EXPECT_EQ(layout.mChannelDescriptions[0].mChannelLabel, kAudioChannelLabel_Left);
+    EXPECT_EQ(layout.mChannelDescriptions[1].mChannelLabel, kAudioChannelLabel_Right);
     // The description count is compared with the record side even for
     // playback: the speakers (no record channels) get a default layout.
     auto speakers = get(kSpeakers);
@@ -179,6 +187,38 @@ TEST_F(Properties, ChannelLayouts) {
     hw_->failNextCall(kSpeakers, kAudioDevicePropertyPreferredChannelLayout,
                       kAudioHardwareNotReadyError);
     EXPECT_THROW(speakers->preferredChannelLayout(&layout, false), Exception);
+}
+
+TEST_F(Properties, DefaultLayoutUsesTheChannelsChosenLabelsWhenAsked) {
+    auto mic = get(kMic);
+    ASSERT_EQ(mic->recordingChannelCount(), 2u);
+    auto channels = mic->recordChannels();
+    ASSERT_EQ(channels.size(), 2u);
+    channels[0]->setSelectedLabel(ChannelLabel::left());
+    channels[1]->setSelectedLabel(ChannelLabel::right());
+
+    AudioChannelLayout layout;
+    EXPECT_EQ(mic->createDefaultChannelLayout(&layout, true, true), 72u);
+    ASSERT_EQ(layout.numberChannelDescriptions(), 2u);
+    EXPECT_EQ(layout.mChannelDescriptions[0].mChannelLabel, kAudioChannelLabel_Left);
+    EXPECT_EQ(layout.mChannelDescriptions[1].mChannelLabel, kAudioChannelLabel_Right);
+    EXPECT_EQ(mic->currentRecordingChannelLayout(&layout, true), 72u);
+    EXPECT_EQ(layout.mChannelDescriptions[1].mChannelLabel, kAudioChannelLabel_Right);
+
+    // Without existing labels: discrete ones, whatever was chosen.
+    mic->createDefaultChannelLayout(&layout, false, true);
+    EXPECT_EQ(layout.mChannelDescriptions[0].mChannelLabel, kAudioChannelLabel_Discrete_0);
+    EXPECT_EQ(layout.mChannelDescriptions[1].mChannelLabel, kAudioChannelLabel_Discrete_0 + 1);
+
+    // A mono device describes every channel as mono; a channel without a
+    // chosen label as unused.
+    mic->setMono(true);
+    mic->createDefaultChannelLayout(&layout, true, true);
+    EXPECT_EQ(layout.mChannelDescriptions[1].mChannelLabel, kAudioChannelLabel_Mono);
+    mic->setMono(false);
+    channels[1]->setSelectedLabel(nullptr);
+    mic->createDefaultChannelLayout(&layout, true, true);
+    EXPECT_EQ(layout.mChannelDescriptions[1].mChannelLabel, kAudioChannelLabel_Unused);
 }
 
 TEST_F(Properties, DeviceClock) {

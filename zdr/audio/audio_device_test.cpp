@@ -186,6 +186,50 @@ TEST_F(Registry, TestHooksDriveDeathAndResurrection) {
     EXPECT_EQ(AudioDevice::lookupDeviceSingletonByDeviceUID(kMic), mic);
 }
 
+// Only the registered object of a UID moves between the registry and the
+// possibly-dead table. A stale object of the same UID (here: one made before
+// the registry was set up again on other hardware) that finds itself dead must
+// not park itself in the new tables: the live object would then stay
+// registered while dead, be reported dead on every device-list change and
+// never alive again.
+TEST_F(Registry, StaleObjectOfAUIDNeverStandsInForTheLiveOne) {
+    auto stale = AudioDevice::deviceForCoreAudioUID(std::string(kMic));
+    ASSERT_TRUE(stale);
+    auto oldHardware = hw_;
+    hw_ = std::make_shared<hal::SimulatedAudioHardware>(
+        hal::SimulatedAudioHardware::defaultDesktop());
+    AudioDevice::_test_resetRegistry(hw_);
+    settle();
+    clear();
+    auto live = AudioDevice::deviceForCoreAudioUID(std::string(kMic));
+    ASSERT_TRUE(live);
+    ASSERT_NE(live, stale);
+
+    ASSERT_TRUE(oldHardware->unplugDevice(kMic));
+    EXPECT_TRUE(stale->markAsDeadIfDeviceIsNotAlive());
+    settle();
+    EXPECT_EQ(AudioDevice::_test_possiblyDeadCount(), 0u);
+    EXPECT_EQ(AudioDevice::lookupDeviceSingletonByDeviceUID(kMic), live);
+
+    ASSERT_TRUE(hw_->unplugDevice(kMic));
+    settle();
+    EXPECT_TRUE(live->isMarkedAsDead());
+    EXPECT_EQ(AudioDevice::lookupDeviceSingletonByDeviceUID(kMic), nullptr);
+    // Reported by the device-list handler and by the device's own listener.
+    EXPECT_GE(countPosted(kAudioDriverDeviceGoneDead, live.get()), 1u);
+    ASSERT_TRUE(hw_->replugDevice(kMic));
+    settle();
+    EXPECT_EQ(countPosted(kAudioDriverDeviceAliveAgain, live.get()), 1u);
+    EXPECT_EQ(AudioDevice::lookupDeviceSingletonByDeviceUID(kMic), live);
+
+    // A twin made directly is not registered: its death leaves the live one be.
+    auto twin = AudioDevice::initWithCoreAudioDevice(idOf(kMic));
+    twin->set_test_MakeNotAlive(true);
+    EXPECT_TRUE(twin->markAsDeadIfDeviceIsNotAlive());
+    EXPECT_FALSE(twin->isMarkedAsDead());
+    EXPECT_EQ(AudioDevice::lookupDeviceSingletonByDeviceUID(kMic), live);
+}
+
 TEST_F(Registry, IDGoneZeroMakesTwinsUnequal) {
     auto mic = AudioDevice::deviceForCoreAudioUID(std::string(kMic));
     auto twin = AudioDevice::initWithCoreAudioDevice(idOf(kMic));

@@ -20,10 +20,10 @@ using namespace std::chrono_literals;
 using namespace hal;
 using zdr::testing::TestChannelOwner;
 
-class ChannelsOnPulse : public zdr::testing::PulseServerTest {
+class ChannelsOnPulse : public zdr::testing::AudioServerTest {
  protected:
     void SetUp() override {
-        PulseServerTest::SetUp();
+        AudioServerTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         PulseAudioHardware::Options options;
         options.server = server_->serverString();
@@ -32,7 +32,7 @@ class ChannelsOnPulse : public zdr::testing::PulseServerTest {
     }
     void TearDown() override {
         hw_.reset();
-        PulseServerTest::TearDown();
+        AudioServerTest::TearDown();
     }
     // The server reports a change a moment after it answered the request.
     template <class Pred>
@@ -49,7 +49,9 @@ class ChannelsOnPulse : public zdr::testing::PulseServerTest {
     DeviceChannels channels_;
 };
 
-TEST_F(ChannelsOnPulse, OutputVolumeAndMuteReachTheServer) {
+ZDR_INSTANTIATE_ON_BOTH_AUDIO_SERVERS(ChannelsOnPulse);
+
+TEST_P(ChannelsOnPulse, OutputVolumeAndMuteReachTheServer) {
     auto sink = std::make_shared<TestChannelOwner>(hw_, "zdr_fixture_out");
     ASSERT_TRUE(sink->hasMasterOutputVolume());
     channels_.setOutputVolume(sink, 0.5f);
@@ -72,7 +74,7 @@ TEST_F(ChannelsOnPulse, OutputVolumeAndMuteReachTheServer) {
     EXPECT_NE(volume.find("50%"), std::string::npos) << volume;
 }
 
-TEST_F(ChannelsOnPulse, InputVolumeAndChangesFromOutside) {
+TEST_P(ChannelsOnPulse, InputVolumeAndChangesFromOutside) {
     auto source = std::make_shared<TestChannelOwner>(hw_, "zdr_fixture_in");
     ASSERT_TRUE(source->hasMasterInputVolume());
     channels_.setInputVolume(source, 0.3f);
@@ -81,7 +83,7 @@ TEST_F(ChannelsOnPulse, InputVolumeAndChangesFromOutside) {
     EXPECT_TRUE(eventually([&] { return std::abs(channels_.inputVolume(source) - 0.7f) < 0.01f; }));
 }
 
-TEST_F(ChannelsOnPulse, MakeDefaultOutputAndInput) {
+TEST_P(ChannelsOnPulse, MakeDefaultOutputAndInput) {
     ASSERT_TRUE(server_->loadNullSink("second", "Second"));
     AudioObjectID second = kAudioObjectUnknown;
     ASSERT_TRUE(eventually(

@@ -50,6 +50,10 @@ bool DefaultSystemOutputAudioDevice::hasMasterInputVolume() const {
     auto d = current();
     return d && d->hasMasterInputVolume();
 }
+bool DefaultSystemOutputAudioDevice::hasMasterOutputMute() const {
+    auto d = current();
+    return d && d->hasMasterOutputMute();
+}
 bool DefaultSystemOutputAudioDevice::mono() const {
     auto d = current();
     return d && d->mono();

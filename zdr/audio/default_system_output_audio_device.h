@@ -43,6 +43,7 @@ class DefaultSystemOutputAudioDevice : public AudioDevice {
     bool isAlive() const override;
     bool hasMasterOutputVolume() const override;
     bool hasMasterInputVolume() const override;
+    bool hasMasterOutputMute() const override;
     bool mono() const override;
     float averageInputVolumeAcrossAllChannels() override;
     hal::CAHALAudioDevice* coreAudioDevice() const override;

@@ -113,5 +113,101 @@ TEST_F(DeviceChannelsTest, MakeDefaultFromTheDevice) {
     hdmi->set_test_MakeIDGoZero(false);
 }
 
+// Through a plain AudioDevice pointer the proxy's device-level volume, mute
+// and meter operations must act on the default output, not on the proxy's own
+// (empty) state: callers that list the proxy beside real devices never know
+// which one they hold.
+class ProxyOperations : public testing::AudioDeviceTest {
+ protected:
+    static constexpr const char* kDesk = "DeskSpeakersNoMainControls";
+    void SetUp() override {
+        AudioDeviceTest::SetUp();
+        SimulatedDeviceSpec desk;
+        desk.uid = kDesk;
+        desk.name = "Desk Speakers";
+        desk.output.streamChannels = {2};
+        // Per-channel controls only: the device-level operations must fall
+        // back to the channels.
+        desk.output.volumes = {{1, 0.3f, true}, {2, 0.5f, true}};
+        desk.output.mutes = {{1, 0.0f, true}, {2, 0.0f, true}};
+        hw_->addDevice(desk);
+        settle();
+        proxy_ = AudioDevice::proxiedDefaultSystemOutput();
+    }
+    bool halMute(const char* uid, UInt32 element) {
+        CAHALAudioDevice hal(uid, hw_);
+        return hal.GetMuteControlValue(kAudioObjectPropertyScopeOutput, element);
+    }
+    Float32 halVolume(const char* uid, UInt32 element) {
+        CAHALAudioDevice hal(uid, hw_);
+        return hal.GetVolumeControlScalarValue(kAudioObjectPropertyScopeOutput, element);
+    }
+    std::shared_ptr<AudioDevice> proxy_;
+};
+
+TEST_F(ProxyOperations, FollowDefaultOutputWithoutMainControls) {
+    ASSERT_TRUE(hw_->setDefaultDevice(false, false, kDesk));
+    settle();
+    auto desk = AudioDevice::deviceForCoreAudioUID(std::string(kDesk));
+    ASSERT_TRUE(desk);
+    ASSERT_FALSE(desk->hasMasterOutputVolume());
+    ASSERT_EQ(AudioDevice::defaultOutputDevice(), desk);
+
+    EXPECT_FLOAT_EQ(proxy_->outputVolume(), 0.4f);
+    EXPECT_FLOAT_EQ(proxy_->averageChannelVolume(false), 0.4f);
+    EXPECT_FLOAT_EQ(proxy_->volumeForChannel(2, false), 0.5f);
+
+    proxy_->setOutputVolume(0.9f);
+    EXPECT_FLOAT_EQ(halVolume(kDesk, 1), 0.9f);
+    EXPECT_FLOAT_EQ(halVolume(kDesk, 2), 0.9f);
+    EXPECT_FLOAT_EQ(desk->outputVolume(), 0.9f);
+    EXPECT_FLOAT_EQ(proxy_->outputVolume(), 0.9f);
+
+    proxy_->setAllInputAndOutputChannelVolumesTo(0.2f, false, false);
+    EXPECT_FLOAT_EQ(halVolume(kDesk, 2), 0.2f);
+
+    // No main mute: the device and the proxy both answer false and ignore the setter.
+    ASSERT_TRUE(hw_->setMute(kDesk, false, 1, true));
+    EXPECT_FALSE(proxy_->muted());
+    proxy_->unmuteDevice();
+    EXPECT_FALSE(halMute(kDesk, 1));
+
+    // The meter summaries read the default device's channels.
+    auto channels = desk->playbackChannels();
+    ASSERT_EQ(channels.size(), 2u);
+    channels[0]->setLevelNoNotify(0.5f, -6.0f);
+    channels[1]->setLevelNoNotify(0.25f, -12.0f);
+    EXPECT_FLOAT_EQ(proxy_->maxOutputVolumeAcrossAllChannels(), 0.5f);
+    EXPECT_FLOAT_EQ(proxy_->averageOutputVolumeAcrossAllChannels(), 0.375f);
+}
+
+TEST_F(ProxyOperations, FollowDefaultOutputWithMainControlsAndSwitchWithIt) {
+    ASSERT_TRUE(hw_->setDefaultDevice(false, false, kSpeakers));
+    settle();
+    auto speakers = AudioDevice::deviceForCoreAudioUID(std::string(kSpeakers));
+    ASSERT_TRUE(speakers->hasMasterOutputVolume());
+    ASSERT_TRUE(speakers->hasMasterOutputMute());
+
+    ASSERT_TRUE(hw_->setMute(kSpeakers, false, 0, true));
+    EXPECT_TRUE(proxy_->muted());
+    proxy_->setMuted(false);
+    EXPECT_FALSE(halMute(kSpeakers, 0));
+    proxy_->setMuted(true);
+    EXPECT_TRUE(speakers->muted());
+
+    proxy_->setOutputVolume(0.3f);
+    EXPECT_FLOAT_EQ(halVolume(kSpeakers, 0), 0.3f);
+    EXPECT_FLOAT_EQ(proxy_->outputVolume(), 0.3f);
+
+    // The next call after a change of default reaches the new device.
+    ASSERT_TRUE(hw_->setDefaultDevice(false, false, kDesk));
+    settle();
+    EXPECT_FLOAT_EQ(proxy_->outputVolume(), 0.4f);
+    proxy_->setOutputVolume(0.7f);
+    EXPECT_FLOAT_EQ(halVolume(kDesk, 1), 0.7f);
+    EXPECT_FLOAT_EQ(halVolume(kSpeakers, 0), 0.3f);
+    EXPECT_FALSE(proxy_->muted());
+}
+
 }  // namespace
 }  // namespace zdr

@@ -74,10 +74,16 @@ DeviceChannels::ChannelList DeviceChannels::playbackChannels(const Owner& device
     return state_->playbackChannels;
 }
 
+DeviceChannels::ChannelList DeviceChannels::sideChannels(const Owner& device, bool isInput) const {
+    if (!device) return {};
+    if (auto forwarded = device->channelsOfSide(isInput)) return std::move(*forwarded);
+    return isInput ? recordChannels(device) : playbackChannels(device);
+}
+
 std::shared_ptr<AudioChannel> DeviceChannels::channelForIndex(const Owner& device,
                                                               std::int64_t index,
                                                               bool isInput) const {
-    const ChannelList channels = isInput ? recordChannels(device) : playbackChannels(device);
+    const ChannelList channels = sideChannels(device, isInput);
     if (index < 0 || static_cast<std::uint64_t>(index) >= channels.size()) {
         ZDR_CHANNEL_LOG(error, "No %s channel %lld on %s (it has %zu)",
                         isInput ? "record" : "playback", static_cast<long long>(index),
@@ -102,7 +108,7 @@ void DeviceChannels::clear() const {
 float DeviceChannels::averageChannelVolume(const Owner& device, bool record) const {
     if (!device) return 0.0f;
     std::lock_guard lock(device->channelDeviceLock());
-    const ChannelList channels = record ? recordChannels(device) : playbackChannels(device);
+    const ChannelList channels = sideChannels(device, record);
     float sum = 0.0f;
     for (const auto& channel : channels)
         sum += record ? channel->volume() : channel->outputVolume();
@@ -155,7 +161,7 @@ void DeviceChannels::setOutputVolume(const Owner& device, float volume) const {
             return;
         }
         std::lock_guard lock(device->channelDeviceLock());
-        for (const auto& channel : playbackChannels(device)) channel->setOutputVolume(volume);
+        for (const auto& channel : sideChannels(device, false)) channel->setOutputVolume(volume);
     } catch (const CAException& e) {
         ZDR_CHANNEL_LOG(error, "Unable to set volume on %s to %2.2f, error: %d",
                         nameOf(device).c_str(), static_cast<double>(volume),
@@ -173,7 +179,7 @@ void DeviceChannels::setInputVolume(const Owner& device, float volume) const {
             return;
         }
         std::lock_guard lock(device->channelDeviceLock());
-        for (const auto& channel : recordChannels(device)) channel->setVolume(volume);
+        for (const auto& channel : sideChannels(device, true)) channel->setVolume(volume);
     } catch (const CAException& e) {
         ZDR_CHANNEL_LOG(error, "Unable to set the record volume for %s to %2.2f, error: %d",
                         nameOf(device).c_str(), static_cast<double>(volume),
@@ -297,21 +303,21 @@ float maxLevel(const DeviceChannels::ChannelList& channels) {
 }  // namespace
 
 float DeviceChannels::averageInputVolumeAcrossAllChannels(const Owner& device) const {
-    return averageLevel(recordChannels(device));
+    return averageLevel(sideChannels(device, true));
 }
 float DeviceChannels::maxInputVolumeAcrossAllChannels(const Owner& device) const {
-    return maxLevel(recordChannels(device));
+    return maxLevel(sideChannels(device, true));
 }
 float DeviceChannels::averageOutputVolumeAcrossAllChannels(const Owner& device) const {
-    return averageLevel(playbackChannels(device));
+    return averageLevel(sideChannels(device, false));
 }
 float DeviceChannels::maxOutputVolumeAcrossAllChannels(const Owner& device) const {
-    return maxLevel(playbackChannels(device));
+    return maxLevel(sideChannels(device, false));
 }
 
 float DeviceChannels::maxPowerInDBAcrossAllChannels(const Owner& device) const {
     float best = state_->maxPowerInDB.load();
-    for (const auto& c : recordChannels(device)) best = std::max(best, c->levelInDB());
+    for (const auto& c : sideChannels(device, true)) best = std::max(best, c->levelInDB());
     return best;
 }
 

@@ -105,6 +105,9 @@ class DeviceChannels {
         bool playbackListExists = false;
         std::atomic<float> maxPowerInDB{-160.0f};
     };
+    // The list a device-level operation works on: the owner's own answer
+    // (which a stand-in device forwards), else the lists kept here.
+    ChannelList sideChannels(const std::shared_ptr<AudioChannelOwner>& device, bool isInput) const;
     hal::UInt32 checkAndRecreateRecordChannelsInRead(
         const std::shared_ptr<AudioChannelOwner>& device) const;
 

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <mutex>
 
+#include "zdr/audio/audio_log.h"
 #include "zdr/audio/backends/pulse/pulse_connection.h"
 #include "zdr/audio/backends/pulse/pulse_properties.h"
 
@@ -502,7 +502,7 @@ void PulseAudioHardware::Listeners::handle(const PulseEvent& event) {
         case PulseEvent::Type::connected:
             if (!event.reconnected && quietFirstSync) break;
             if (event.reconnected) {
-                std::fprintf(stderr, "zdr pulse: the audio server answers again\n");
+                ZDR_AUDIO_LOG(audio, info, "pulse: the audio server answers again");
                 raise(kAudioObjectSystemObject, {global(kAudioHardwarePropertyServiceRestarted)});
             }
             raise(kAudioObjectSystemObject, {kDevicesAddress});

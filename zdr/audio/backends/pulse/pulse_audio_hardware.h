@@ -5,7 +5,8 @@
 // included: they are how a recorder captures what the machine plays. Each
 // device has one stream. UIDs are the proplist value "zdr.uid" when present,
 // else the sink or source name; a device with "zdr.hidden=1" is left out of
-// the device list but found by UID. Object IDs are ours: a device that goes
+// the device list but found by UID. A monitor source is always known by its
+// own name and listed (pipewire-pulse copies its sink's properties onto it). Object IDs are ours: a device that goes
 // away and comes back, or survives a server restart, gets a new one.
 //
 // Reads answer from a snapshot kept current by the server's event

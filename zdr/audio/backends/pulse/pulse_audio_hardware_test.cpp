@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "zdr/audio/audio_log.h"
 #include "zdr/audio/backends/pulse/pulse_connection.h"
 #include "zdr/testing/pulse_server_fixture.h"
 
@@ -65,20 +66,22 @@ class CallLog {
     std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
-class PulseAudioHardwareTest : public zdr::testing::PulseServerTest {
+// On PulseAudio only, or (the restart tests) on each server that can run here.
+template <class Base>
+class PulseHardwareFixture : public Base {
  protected:
     void SetUp() override {
-        PulseServerTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
+        Base::SetUp();
+        if (this->IsSkipped() || this->HasFatalFailure()) return;
         PulseAudioHardware::Options options;
-        options.server = server_->serverString();
+        options.server = this->server_->serverString();
         options.callTimeout = 400ms;
         hal_ = PulseAudioHardware::create(options);
         ASSERT_TRUE(hal_) << "no connection to the private server";
     }
     void TearDown() override {
         hal_.reset();
-        PulseServerTest::TearDown();
+        Base::TearDown();
     }
 
     template <class T>
@@ -114,6 +117,10 @@ class PulseAudioHardwareTest : public zdr::testing::PulseServerTest {
     std::shared_ptr<PulseAudioHardware> hal_;
     DispatchQueue queue_{"test.pulse.listeners"};
 };
+
+using PulseAudioHardwareTest = PulseHardwareFixture<zdr::testing::PulseServerTest>;
+class PulseAudioHardwareRestartTest : public PulseHardwareFixture<zdr::testing::AudioServerTest> {};
+ZDR_INSTANTIATE_ON_BOTH_AUDIO_SERVERS(PulseAudioHardwareRestartTest);
 
 TEST_F(PulseAudioHardwareTest, DevicesAndTheirProperties) {
     auto ids = deviceList();
@@ -317,7 +324,7 @@ TEST_F(PulseAudioHardwareTest, ListenerBookkeeping) {
     EXPECT_FALSE(log.waitFor(kAudioObjectSystemObject, kAudioHardwarePropertyDevices, 200ms));
 }
 
-TEST_F(PulseAudioHardwareTest, ServerRestartIsReportedAndDevicesComeBack) {
+TEST_P(PulseAudioHardwareRestartTest, ServerRestartIsReportedAndDevicesComeBack) {
     CallLog system, later;
     ASSERT_TRUE(
         listen(kAudioObjectSystemObject, global(kAudioHardwarePropertyServiceRestarted), system));
@@ -326,10 +333,36 @@ TEST_F(PulseAudioHardwareTest, ServerRestartIsReportedAndDevicesComeBack) {
     CallLog device;
     ASSERT_TRUE(listen(sink, global(kAudioDevicePropertyDeviceIsAlive), device));
 
+    // The loss and the return are logged through the audio category, never
+    // written to the host's standard error.
+    std::mutex logMutex;
+    std::vector<std::string> logged;
+    zdr::detail::setAudioLogObserver([&](const zdr::detail::AudioLogRecord& r) {
+        std::lock_guard lock(logMutex);
+        logged.push_back(r.message);
+    });
+    ::testing::internal::CaptureStderr();
     std::string error;
-    ASSERT_TRUE(server_->restart(&error)) << error;
-    ASSERT_TRUE(device.waitFor(sink, kAudioDevicePropertyDeviceIsAlive));
-    ASSERT_TRUE(system.waitFor(kAudioObjectSystemObject, kAudioHardwarePropertyServiceRestarted));
+    const bool restarted = server_->restart(&error);
+    const bool alive = restarted && device.waitFor(sink, kAudioDevicePropertyDeviceIsAlive);
+    const bool reported =
+        alive && system.waitFor(kAudioObjectSystemObject, kAudioHardwarePropertyServiceRestarted);
+    const std::string written = ::testing::internal::GetCapturedStderr();
+    zdr::detail::setAudioLogObserver(nullptr);
+    ASSERT_TRUE(restarted) << error;
+    ASSERT_TRUE(alive);
+    ASSERT_TRUE(reported);
+    EXPECT_EQ(written.find("audio server"), std::string::npos) << written;
+    {
+        std::lock_guard lock(logMutex);
+        auto has = [&](const std::string& text) {
+            return std::any_of(logged.begin(), logged.end(), [&](const std::string& m) {
+                return m.find(text) != std::string::npos;
+            });
+        };
+        EXPECT_TRUE(has("connection to the audio server lost"));
+        EXPECT_TRUE(has("the audio server answers again"));
+    }
     const AudioObjectID rebound = hal_->translateUIDToDevice("zdr_fixture_out");
     EXPECT_NE(rebound, kAudioObjectUnknown);
     EXPECT_NE(rebound, sink);
@@ -434,7 +467,7 @@ TEST_F(PulseAudioHardwareTest, HotplugStormStaysFlat) {
     EXPECT_LT(residentKiB(), rssAfterWarmup + 4096) << "resident memory grew";
 }
 
-TEST_F(PulseAudioHardwareTest, TenRestartsInARow) {
+TEST_P(PulseAudioHardwareRestartTest, TenRestartsInARow) {
     CallLog system;
     ASSERT_TRUE(
         listen(kAudioObjectSystemObject, global(kAudioHardwarePropertyServiceRestarted), system));

@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <thread>
+
+#include "zdr/audio/audio_log.h"
 
 namespace zdr::detail {
 namespace {
@@ -21,8 +22,16 @@ std::atomic<uint32_t> gNextObjectID{0x100};
 
 uint32_t newObjectID() { return gNextObjectID.fetch_add(2, std::memory_order_relaxed); }
 
-void logLine(const char* what, const std::string& detail) {
-    std::fprintf(stderr, "zdr pulse: %s%s%s\n", what, detail.empty() ? "" : ": ", detail.c_str());
+// Through the audio category, which stays silent until the host switches it
+// on: a library never writes to the host's standard error on its own.
+void logLine(AudioLogLevel level, const char* what, const std::string& detail) {
+    if (level == AudioLogLevel::error) {
+        ZDR_AUDIO_LOG(audio, error, "pulse: {}{}{}", what, detail.empty() ? "" : ": ", detail);
+    } else if (level == AudioLogLevel::warning) {
+        ZDR_AUDIO_LOG(audio, warning, "pulse: {}{}{}", what, detail.empty() ? "" : ": ", detail);
+    } else {
+        ZDR_AUDIO_LOG(audio, info, "pulse: {}{}{}", what, detail.empty() ? "" : ": ", detail);
+    }
 }
 
 // Events wait here for the event thread. It is shared with that thread so that
@@ -54,9 +63,9 @@ struct EventQueue {
         try {
             handler(event);
         } catch (const std::exception& e) {
-            logLine("event handler threw", e.what());
+            logLine(AudioLogLevel::error, "event handler threw", e.what());
         } catch (...) {
-            logLine("event handler threw", "unknown exception");
+            logLine(AudioLogLevel::error, "event handler threw", "unknown exception");
         }
     }
 
@@ -133,16 +142,23 @@ std::map<std::string, std::string> readProplist(const pa_proplist* list) {
 }
 
 template <class Info>
-void fillCommon(PulseDevice& d, const Info& info) {
+void fillCommon(PulseDevice& d, const Info& info, bool isMonitor) {
     d.index = info.index;
     d.name = info.name ? info.name : "";
     d.description = info.description ? info.description : d.name;
     d.driver = info.driver ? info.driver : "";
     d.properties = readProplist(info.proplist);
+    d.isMonitor = isMonitor;
+    // pipewire-pulse copies a sink's properties onto its monitor source, so a
+    // monitor's "zdr.uid" and "zdr.hidden" are its sink's, not its own: the
+    // monitor would share the sink's UID (two devices under one key) and
+    // vanish with a hidden sink. A monitor is known by its own name and shown.
     auto uid = d.properties.find("zdr.uid");
-    d.uid = (uid != d.properties.end() && !uid->second.empty()) ? uid->second : d.name;
+    d.uid = (!isMonitor && uid != d.properties.end() && !uid->second.empty()) ? uid->second
+                                                                              : d.name;
     auto hidden = d.properties.find("zdr.hidden");
-    d.hidden = hidden != d.properties.end() && (hidden->second == "1" || hidden->second == "true");
+    d.hidden = !isMonitor && hidden != d.properties.end() &&
+               (hidden->second == "1" || hidden->second == "true");
     d.rate = info.sample_spec.rate;
     d.channels = info.sample_spec.channels;
     d.sampleFormat = info.sample_spec.format;
@@ -170,7 +186,7 @@ void fillCommon(PulseDevice& d, const Info& info) {
 std::shared_ptr<PulseDevice> fromSink(const pa_sink_info& info) {
     auto d = std::make_shared<PulseDevice>();
     d->kind = PulseDeviceKind::sink;
-    fillCommon(*d, info);
+    fillCommon(*d, info, false);
     d->hasHardwareVolume = (info.flags & PA_SINK_HW_VOLUME_CTRL) != 0;
     d->hasDecibelVolume = (info.flags & PA_SINK_DECIBEL_VOLUME) != 0;
     return d;
@@ -179,8 +195,7 @@ std::shared_ptr<PulseDevice> fromSink(const pa_sink_info& info) {
 std::shared_ptr<PulseDevice> fromSource(const pa_source_info& info) {
     auto d = std::make_shared<PulseDevice>();
     d->kind = PulseDeviceKind::source;
-    fillCommon(*d, info);
-    d->isMonitor = info.monitor_of_sink != PA_INVALID_INDEX;
+    fillCommon(*d, info, info.monitor_of_sink != PA_INVALID_INDEX);
     d->hasHardwareVolume = (info.flags & PA_SOURCE_HW_VOLUME_CTRL) != 0;
     d->hasDecibelVolume = (info.flags & PA_SOURCE_DECIBEL_VOLUME) != 0;
     return d;
@@ -341,7 +356,7 @@ struct PulseConnection::Impl {
             sinkIDs.clear();
             sourceIDs.clear();
         }
-        logLine("connection to the audio server lost", "retrying");
+        logLine(AudioLogLevel::warning, "connection to the audio server lost", "retrying");
         events->push(std::move(event));
     }
 
@@ -669,14 +684,14 @@ std::shared_ptr<PulseConnection> PulseConnection::create(Options options, EventH
     impl.events->threadID = impl.eventThread.get_id();
     impl.mainloop = pa_threaded_mainloop_new();
     if (!impl.mainloop) {
-        logLine("could not create the libpulse main loop", "");
+        logLine(AudioLogLevel::error, "could not create the libpulse main loop", "");
         return self;
     }
     pa_threaded_mainloop_set_name(impl.mainloop, "zdr-pulse");
     pa_threaded_mainloop_lock(impl.mainloop);
     if (pa_threaded_mainloop_start(impl.mainloop) < 0) {
         pa_threaded_mainloop_unlock(impl.mainloop);
-        logLine("could not start the libpulse main loop", "");
+        logLine(AudioLogLevel::error, "could not start the libpulse main loop", "");
         pa_threaded_mainloop_free(impl.mainloop);
         impl.mainloop = nullptr;
         return self;

@@ -6,6 +6,7 @@
 #include "zdr/testing/eventually.h"
 
 #include <chrono>
+#include <cmath>
 #include <mutex>
 #include <thread>
 
@@ -22,10 +23,10 @@ namespace {
 using namespace std::chrono_literals;
 using namespace hal;
 
-class PulseRegistryTest : public zdr::testing::PulseServerTest {
+class PulseRegistryTest : public zdr::testing::AudioServerTest {
  protected:
     void SetUp() override {
-        PulseServerTest::SetUp();
+        AudioServerTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         PulseAudioHardware::Options options;
         options.server = server_->serverString();
@@ -48,7 +49,7 @@ class PulseRegistryTest : public zdr::testing::PulseServerTest {
         // Later tests start from a machine of their own, not this server.
         AudioDevice::_test_resetRegistry(std::make_shared<SimulatedAudioHardware>());
         hw_.reset();
-        PulseServerTest::TearDown();
+        AudioServerTest::TearDown();
     }
 
     // Runs the listener queue and the main queue (this thread drains it).
@@ -75,8 +76,10 @@ class PulseRegistryTest : public zdr::testing::PulseServerTest {
     std::vector<std::shared_ptr<NotificationObserverToken>> observers_;
 };
 
-TEST_F(PulseRegistryTest, UnplugAndReplugKeepTheObject) {
-    auto module = server_->loadNullSink("usbmic", "USB Mic", "zdr.uid=usb-mic");
+ZDR_INSTANTIATE_ON_BOTH_AUDIO_SERVERS(PulseRegistryTest);
+
+TEST_P(PulseRegistryTest, UnplugAndReplugKeepTheObject) {
+    auto module = server_->loadNullSink("usbmic", "USB_Mic", "zdr.uid=usb-mic");
     ASSERT_TRUE(module);
     std::shared_ptr<AudioDevice> device;
     ASSERT_TRUE(
@@ -90,7 +93,7 @@ TEST_F(PulseRegistryTest, UnplugAndReplugKeepTheObject) {
     EXPECT_TRUE(device->isMarkedAsDead());
     EXPECT_FALSE(device->isAlive());
 
-    ASSERT_TRUE(server_->loadNullSink("usbmic", "USB Mic", "zdr.uid=usb-mic"));
+    ASSERT_TRUE(server_->loadNullSink("usbmic", "USB_Mic", "zdr.uid=usb-mic"));
     ASSERT_TRUE(eventually([&] { return count(kAudioDriverDeviceAliveAgain, device.get()) > 0; }));
     EXPECT_FALSE(device->isMarkedAsDead());
     EXPECT_NE(device->deviceID(), firstID);
@@ -98,7 +101,7 @@ TEST_F(PulseRegistryTest, UnplugAndReplugKeepTheObject) {
     EXPECT_GT(count(kAudioDevicesChanged), 0u);
 }
 
-TEST_F(PulseRegistryTest, DefaultOutputFollowsTheServer) {
+TEST_P(PulseRegistryTest, DefaultOutputFollowsTheServer) {
     ASSERT_TRUE(server_->loadNullSink("speakers", "Speakers"));
     ASSERT_TRUE(
         eventually([&] { return AudioDevice::deviceForCoreAudioUID("speakers") != nullptr; }));
@@ -109,7 +112,7 @@ TEST_F(PulseRegistryTest, DefaultOutputFollowsTheServer) {
     EXPECT_EQ(def->deviceUID(), "speakers");
 }
 
-TEST_F(PulseRegistryTest, OutsideChangesReachListenerClosures) {
+TEST_P(PulseRegistryTest, OutsideChangesReachListenerClosures) {
     auto sink = AudioDevice::deviceForCoreAudioUID("zdr_fixture_out");
     ASSERT_TRUE(sink);
     std::atomic<int> volume{0}, mute{0};
@@ -125,7 +128,7 @@ TEST_F(PulseRegistryTest, OutsideChangesReachListenerClosures) {
     sink->removeListenerForToken(t2);
 }
 
-TEST_F(PulseRegistryTest, HiddenDeviceIsFoundByUIDButNotListed) {
+TEST_P(PulseRegistryTest, HiddenDeviceIsFoundByUIDButNotListed) {
     ASSERT_TRUE(
         server_->loadNullSink("preview", "Preview", "zdr.uid=ZDRAudioCapture:4 zdr.hidden=1"));
     std::shared_ptr<AudioDevice> hidden;
@@ -136,7 +139,108 @@ TEST_F(PulseRegistryTest, HiddenDeviceIsFoundByUIDButNotListed) {
     EXPECT_EQ(AudioDevice::findUIDForAudioDeviceID(hidden->deviceID()), "ZDRAudioCapture:4");
 }
 
-TEST_F(PulseRegistryTest, ServerRestartsAreReportedAndDevicesRebound) {
+// pipewire-pulse copies a sink's properties onto its monitor source; the
+// monitor must still be a device of its own, under its own UID, and listed
+// although its sink is hidden.
+TEST_P(PulseRegistryTest, MonitorsKeepTheirOwnUIDAndVisibility) {
+    ASSERT_TRUE(server_->loadNullSink("deskout", "Desk", "zdr.uid=desk-out"));
+    ASSERT_TRUE(server_->loadNullSink("secret", "Secret", "zdr.uid=secret-out zdr.hidden=1"));
+    auto listedInput = [](const std::string& uid) {
+        for (const auto& d : AudioDevice::inputDevices()) {
+            if (d->deviceUID() == uid) return d;
+        }
+        return std::shared_ptr<AudioDevice>();
+    };
+    std::shared_ptr<AudioDevice> sink, monitor, hiddenMonitor;
+    ASSERT_TRUE(eventually([&] {
+        sink = AudioDevice::deviceForCoreAudioUID("desk-out");
+        monitor = listedInput("deskout.monitor");
+        hiddenMonitor = listedInput("secret.monitor");
+        return sink && monitor && hiddenMonitor;
+    })) << "monitors listed: "
+        << (monitor != nullptr) << (hiddenMonitor != nullptr);
+    EXPECT_NE(sink, monitor);
+    EXPECT_NE(sink->deviceID(), monitor->deviceID());
+    EXPECT_EQ(AudioDevice::findUIDForAudioDeviceID(monitor->deviceID()), "deskout.monitor");
+    EXPECT_EQ(AudioDevice::findUIDForAudioDeviceID(sink->deviceID()), "desk-out");
+    // The hidden sink itself keeps its UID and stays out of the lists.
+    EXPECT_NE(hw_->translateUIDToDevice("secret-out"), kAudioObjectUnknown);
+    for (const auto& d : AudioDevice::outputDevices()) EXPECT_NE(d->deviceUID(), "secret-out");
+}
+
+// An app recording from a device must learn of every cut: each disappearance
+// of a registered device is reported as gone dead, and each return as alive
+// again, with unplug and replug 24 ms apart, as a flaky cable or a script makes
+// them. Run after another test of the same process too, whose device objects
+// of the same UID outlive their registry.
+TEST_P(PulseRegistryTest, RapidUnplugAndReplugReportEveryCycle) {
+    auto conn = hw_->connection();
+    const std::string args = "sink_name=flicker sink_properties=zdr.uid=flicker-out";
+    auto module = conn->loadModule("module-null-sink", args);
+    ASSERT_TRUE(module);
+    std::shared_ptr<AudioDevice> device;
+    ASSERT_TRUE(
+        eventually([&] { return (device = AudioDevice::deviceForCoreAudioUID("flicker-out")); }));
+    constexpr int kCycles = 50;
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        ASSERT_EQ(conn->unloadModule(*module), detail::PulseCallResult::ok) << "cycle " << cycle;
+        std::this_thread::sleep_for(24ms);  // paces the cycles; nothing waits on it
+        module = conn->loadModule("module-null-sink", args);
+        ASSERT_TRUE(module) << "cycle " << cycle;
+        std::this_thread::sleep_for(24ms);
+    }
+    // Generous: the notifications of fifty cycles may still be on their way.
+    EXPECT_TRUE(eventually(
+        [&] {
+            return count(kAudioDriverDeviceAliveAgain, device.get()) >= kCycles &&
+                   !device->isMarkedAsDead();
+        },
+        20000ms));
+    // Each death is reported by the device-list handler and may be again by
+    // the device's own listener; the returns are counted exactly.
+    EXPECT_GE(count(kAudioDriverDeviceGoneDead, device.get()), static_cast<size_t>(kCycles));
+    EXPECT_LE(count(kAudioDriverDeviceGoneDead, device.get()), static_cast<size_t>(2 * kCycles));
+    EXPECT_EQ(count(kAudioDriverDeviceAliveAgain, device.get()), static_cast<size_t>(kCycles));
+    EXPECT_EQ(AudioDevice::deviceForCoreAudioUID("flicker-out"), device);
+}
+
+// The default-output proxy, held as a plain AudioDevice, acts on the server's
+// default sink (a sink has main volume and mute controls on both servers).
+TEST_P(PulseRegistryTest, ProxyActsOnTheServersDefaultOutput) {
+    auto proxy = AudioDevice::proxiedDefaultSystemOutput();
+    ASSERT_TRUE(eventually([] {
+        auto d = AudioDevice::defaultOutputDevice();
+        return d && d->deviceUID() == "zdr_fixture_out";
+    }));
+    auto pactlOut = [&](std::vector<std::string> args) {
+        std::string out;
+        EXPECT_TRUE(server_->pactl(args, &out));
+        return out;
+    };
+    proxy->setOutputVolume(0.3f);
+    EXPECT_TRUE(eventually([&] {
+        return pactlOut({"get-sink-volume", "zdr_fixture_out"}).find(" 30%") != std::string::npos;
+    }));
+    proxy->setMuted(true);
+    EXPECT_TRUE(eventually([&] {
+        return pactlOut({"get-sink-mute", "zdr_fixture_out"}).find("yes") != std::string::npos;
+    }));
+    EXPECT_TRUE(proxy->muted());
+    EXPECT_NEAR(proxy->outputVolume(), 0.3f, 0.01f);
+
+    // A new default from outside: the next calls reach it.
+    ASSERT_TRUE(server_->loadNullSink("second", "Second"));
+    ASSERT_TRUE(server_->pactl({"set-default-sink", "second"}));
+    ASSERT_TRUE(server_->pactl({"set-sink-volume", "second", "70%"}));
+    EXPECT_TRUE(eventually([&] { return std::abs(proxy->outputVolume() - 0.7f) < 0.01f; }));
+    EXPECT_FALSE(proxy->muted());
+    proxy->setMuted(true);
+    EXPECT_TRUE(eventually([&] {
+        return pactlOut({"get-sink-mute", "second"}).find("yes") != std::string::npos;
+    }));
+}
+
+TEST_P(PulseRegistryTest, ServerRestartsAreReportedAndDevicesRebound) {
     auto sink = AudioDevice::deviceForCoreAudioUID("zdr_fixture_out");
     ASSERT_TRUE(sink);
     std::atomic<int> volume{0};
@@ -164,7 +268,7 @@ TEST_F(PulseRegistryTest, ServerRestartsAreReportedAndDevicesRebound) {
     sink->removeListenerForToken(token);
 }
 
-TEST_F(PulseRegistryTest, HotplugStormEndsAliveEveryCycle) {
+TEST_P(PulseRegistryTest, HotplugStormEndsAliveEveryCycle) {
     auto conn = hw_->connection();
     auto module = conn->loadModule("module-null-sink", "sink_name=storm");
     ASSERT_TRUE(module);

@@ -240,8 +240,12 @@ AudioObjectID SimulatedAudioHardware::plug(const SimulatedDeviceSpec& spec,
                     sc);
             }
         }
-        if (dir.preferredLayout)
+        if (dir.preferredLayout) {
+            // Answered in the side's scope and, as the device's own layout, at
+            // the global scope (the output side's when both sides have one).
             set(kAudioDevicePropertyPreferredChannelLayout, *dir.preferredLayout, true, sc);
+            set(kAudioDevicePropertyPreferredChannelLayout, *dir.preferredLayout, true);
+        }
         for (const auto& c : dir.volumes) {
             set(kAudioDevicePropertyVolumeScalar, std::clamp(c.value, 0.0f, 1.0f), c.settable, sc,
                 c.element);
