@@ -12,7 +12,7 @@
 #include <ctime>
 #include <utility>
 
-#include "zdr/logging/internal_log.h"
+#include "zdr/logging/detail/internal_log.h"
 
 namespace zdr {
 

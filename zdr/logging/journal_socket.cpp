@@ -1,4 +1,4 @@
-#include "zdr/logging/journal_socket.h"
+#include "zdr/logging/detail/journal_socket.h"
 
 #include <cstdint>
 

@@ -8,7 +8,7 @@
 #include <exception>
 #include <utility>
 
-#include "zdr/logging/internal_log.h"
+#include "zdr/logging/detail/internal_log.h"
 #include "zdr/logging/log_settings.h"
 #include "zdr/logging/logging_bridge.h"
 #include "zdr/logging/nslog_destination.h"

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "zdr/logging/internal_log.h"
-#include "zdr/logging/journal_socket.h"
+#include "zdr/logging/detail/internal_log.h"
+#include "zdr/logging/detail/journal_socket.h"
 #include "zdr/runtime/bundle.h"
 
 namespace zdr {

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "zdr/logging/journal_socket.h"
+#include "zdr/logging/detail/journal_socket.h"
 #include "zdr/logging/testing/journal_receiver.h"
 #include "zdr/logging/testing/stderr_capture.h"
 #include "zdr/logging/testing/test_environment.h"

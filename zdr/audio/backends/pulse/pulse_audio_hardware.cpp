@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <mutex>
 
-#include "zdr/audio/backends/pulse/pulse_connection.h"
-#include "zdr/audio/backends/pulse/pulse_properties.h"
+#include "zdr/audio/backends/pulse/detail/pulse_connection.h"
+#include "zdr/audio/backends/pulse/detail/pulse_properties.h"
 
 namespace zdr::hal {
 namespace {

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <thread>
 
-#include "zdr/audio/backends/pulse/pulse_connection.h"
+#include "zdr/audio/backends/pulse/detail/pulse_connection.h"
 #include "zdr/testing/pulse_server_fixture.h"
 
 namespace zdr::hal {
