@@ -7,9 +7,14 @@ install(TARGETS ${ZDR_ALL_SUBSYSTEMS} ZDRShared2 EXPORT ZDRShared2Targets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# Only public headers: internal and test-support headers are named
+# *_internal.h or *_test_support.h, or live in a detail/ or testing/ folder.
 install(DIRECTORY zdr/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zdr
         FILES_MATCHING PATTERN "*.h"
-        PATTERN "testing" EXCLUDE)
+        PATTERN "testing" EXCLUDE
+        PATTERN "detail" EXCLUDE
+        PATTERN "*_internal.h" EXCLUDE
+        PATTERN "*_test_support.h" EXCLUDE)
 install(EXPORT ZDRShared2Targets NAMESPACE ZDRShared2::
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZDRShared2)
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "zdr/audio/channel_log.h"
+#include "zdr/audio/detail/channel_log.h"
 #include "zdr/runtime/dispatch_queue.h"
 #include "zdr/runtime/notification_center.h"
 

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "zdr/audio/backends/simulated/simulated_audio_hardware.h"
-#include "zdr/audio/channel_log.h"
 #include "zdr/audio/channel_test_support.h"
+#include "zdr/audio/detail/channel_log.h"
 #include "zdr/audio/device_channels.h"
 #include "zdr/runtime/dispatch_queue.h"
 #include "zdr/runtime/notification_center.h"

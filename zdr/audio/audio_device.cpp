@@ -6,8 +6,8 @@
 #include <unordered_map>
 
 #include "zdr/audio/audio_device_internal.h"
-#include "zdr/audio/audio_log.h"
 #include "zdr/audio/default_system_output_audio_device.h"
+#include "zdr/audio/detail/audio_log.h"
 #include "zdr/audio/hal/ca_hal_audio_system_object.h"
 #include "zdr/runtime/notification_center.h"
 

@@ -7,7 +7,7 @@
 
 #include "zdr/audio/audio_device.h"
 #include "zdr/audio/audio_device_internal.h"
-#include "zdr/audio/audio_log.h"
+#include "zdr/audio/detail/audio_log.h"
 #include "zdr/audio/hal/ca_hal_audio_stream.h"
 
 namespace zdr {

@@ -12,8 +12,8 @@
 #include <thread>
 
 #include "zdr/audio/audio_device.h"
-#include "zdr/audio/audio_log.h"
 #include "zdr/audio/backends/simulated/simulated_audio_hardware.h"
+#include "zdr/audio/detail/audio_log.h"
 #include "zdr/runtime/notification_center.h"
 
 namespace zdr::testing {

@@ -1,4 +1,4 @@
-#include "zdr/audio/audio_log.h"
+#include "zdr/audio/detail/audio_log.h"
 
 #include <memory>
 #include <mutex>

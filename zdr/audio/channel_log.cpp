@@ -1,4 +1,4 @@
-#include "zdr/audio/channel_log.h"
+#include "zdr/audio/detail/channel_log.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "zdr/audio/alert_presenter.h"
-#include "zdr/audio/channel_log.h"
+#include "zdr/audio/detail/channel_log.h"
 #include "zdr/audio/hal/ca_hal_audio_system_object.h"
 #include "zdr/runtime/error.h"
 #include "zdr/runtime/user_defaults.h"

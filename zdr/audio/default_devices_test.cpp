@@ -8,7 +8,7 @@
 
 #include "zdr/audio/alert_presenter.h"
 #include "zdr/audio/backends/simulated/simulated_audio_hardware.h"
-#include "zdr/audio/channel_log.h"
+#include "zdr/audio/detail/channel_log.h"
 #include "zdr/audio/hal/ca_hal_audio_system_object.h"
 #include "zdr/runtime/user_defaults.h"
 

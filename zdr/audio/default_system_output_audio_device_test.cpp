@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include "zdr/audio/audio_device_test_support.h"
-#include "zdr/audio/channel_log.h"
+#include "zdr/audio/detail/channel_log.h"
 
 namespace zdr {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <limits>
 
-#include "zdr/audio/channel_log.h"
+#include "zdr/audio/detail/channel_log.h"
 
 namespace zdr {
 

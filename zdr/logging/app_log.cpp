@@ -3,9 +3,9 @@
 #include <cstdarg>
 #include <string>
 
+#include "zdr/logging/detail/printf_format.h"
 #include "zdr/logging/logging.h"
 #include "zdr/logging/logging_bridge.h"
-#include "zdr/logging/printf_format.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <ctime>
 #include <utility>
 
-#include "zdr/logging/internal_log.h"
+#include "zdr/logging/detail/internal_log.h"
 
 namespace zdr {
 
@@ -281,13 +281,40 @@ void BaseQueuedDestination::setLogQueue(std::optional<DispatchQueue> queue) {
     logQueue_ = std::move(queue);
 }
 
-void BaseQueuedDestination::output(const LogDetails&, std::string_view message) {
+namespace {
+// The line that write() is handling on this thread, and for which destination.
+struct WritingLine {
+    const BaseQueuedDestination* destination = nullptr;
+    const LogDetails* details = nullptr;
+};
+thread_local WritingLine tlsWriting;
+
+// Marks `details` as the line being written for the scope's life; nests.
+struct WritingScope {
+    WritingScope(const BaseQueuedDestination* destination, const LogDetails* details)
+        : saved(tlsWriting) {
+        tlsWriting = {destination, details};
+    }
+    ~WritingScope() { tlsWriting = saved; }
+    WritingScope(const WritingScope&) = delete;
+    WritingScope& operator=(const WritingScope&) = delete;
+    WritingLine saved;
+};
+}  // namespace
+
+const LogDetails* BaseQueuedDestination::currentLogDetails() const {
+    return tlsWriting.destination == this ? tlsWriting.details : nullptr;
+}
+
+void BaseQueuedDestination::output(const LogDetails& logDetails, std::string_view message) {
     if (!hasLogQueue_.load(std::memory_order_relaxed)) {
+        WritingScope scope(this, &logDetails);
         write(message);
         return;
     }
     std::optional<DispatchQueue> queue = logQueue();
     if (!queue) {
+        WritingScope scope(this, &logDetails);
         write(message);
         return;
     }
@@ -295,10 +322,19 @@ void BaseQueuedDestination::output(const LogDetails&, std::string_view message) 
     // destination that no shared_ptr owns cannot be kept: it writes at once.
     std::shared_ptr<BaseDestination> self = weak_from_this().lock();
     if (!self) {
+        WritingScope scope(this, &logDetails);
         write(message);
         return;
     }
-    queue->async([self = std::move(self), this, line = std::string(message)] {
+    // The details point into the caller's storage: the queued line keeps
+    // copies of its texts (the user info is not kept).
+    queue->async([self = std::move(self), this, line = std::string(message),
+                  text = std::string(logDetails.message),
+                  function = std::string(logDetails.functionName),
+                  file = std::string(logDetails.fileName), level = logDetails.level,
+                  date = logDetails.date, lineNumber = logDetails.lineNumber] {
+        const LogDetails details{level, false, date, text, function, file, lineNumber, nullptr};
+        WritingScope scope(this, &details);
         try {
             write(line);
         } catch (const std::exception& e) {

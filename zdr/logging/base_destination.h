@@ -141,6 +141,12 @@ class BaseQueuedDestination : public BaseDestination {
  protected:
     bool hasLogQueue() const { return hasLogQueue_.load(std::memory_order_relaxed); }
 
+    /// Inside write(), when output() called it for a line of this
+    /// destination: that line's details (on the log queue, a copy without
+    /// user info). Null when write() was called some other way. Each call
+    /// sees its own line, however many threads log at once.
+    const LogDetails* currentLogDetails() const;
+
  private:
     std::atomic<bool> hasLogQueue_{false};
     mutable std::mutex queueMutex_;

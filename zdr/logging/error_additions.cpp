@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "zdr/logging/printf_format.h"
+#include "zdr/logging/detail/printf_format.h"
 
 namespace zdr {
 

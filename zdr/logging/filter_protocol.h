@@ -25,9 +25,10 @@ class FilterProtocol {
     /// message costs no formatting at all.
     virtual bool decidesBeforeMessage() const { return false; }
 
-    /// For a filter that excludes every message exactly while one flag is
-    /// false, that flag; the logger then tests it inline at the call site
-    /// before anything else happens. The flag must outlive the filter.
+    /// For a filter that excludes every message while one flag is false,
+    /// that flag; the logger then tests it inline at the call site before
+    /// anything else happens, and asks shouldExclude() only while it is true.
+    /// The flag must outlive the filter.
     virtual const std::atomic<bool>* passFlag() const { return nullptr; }
 
     virtual std::string debugDescription() const { return "FilterProtocol"; }

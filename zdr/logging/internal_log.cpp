@@ -1,4 +1,4 @@
-#include "zdr/logging/internal_log.h"
+#include "zdr/logging/detail/internal_log.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "zdr/logging/journal_socket.h"
+#include "zdr/logging/detail/journal_socket.h"
 
 #include <cstdint>
 
@@ -58,6 +58,24 @@ void appendValidUtf8(std::string_view text, std::string& out) {
         } else {
             out.append(kReplacement);
             ++i;
+        }
+    }
+}
+
+void appendIdentifierText(std::string_view text, std::string& out) {
+    static constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+    std::string valid;
+    appendValidUtf8(text, valid);
+    const auto* s = reinterpret_cast<const unsigned char*>(valid.data());
+    for (std::size_t i = 0; i < valid.size(); ++i) {
+        unsigned char c = s[i];
+        if (c < 0x20 || c == 0x7F) {
+            out.append(kReplacement);
+        } else if (c == 0xC2 && i + 1 < valid.size() && s[i + 1] >= 0x80 && s[i + 1] <= 0x9F) {
+            out.append(kReplacement);  // U+0080 to U+009F
+            ++i;
+        } else {
+            out.push_back(static_cast<char>(c));
         }
     }
 }

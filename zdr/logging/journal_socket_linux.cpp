@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "zdr/logging/internal_log.h"
-#include "zdr/logging/journal_socket.h"
+#include "zdr/logging/detail/internal_log.h"
+#include "zdr/logging/detail/journal_socket.h"
 
 namespace zdr::detail {
 

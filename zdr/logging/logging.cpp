@@ -8,7 +8,7 @@
 #include <exception>
 #include <utility>
 
-#include "zdr/logging/internal_log.h"
+#include "zdr/logging/detail/internal_log.h"
 #include "zdr/logging/log_settings.h"
 #include "zdr/logging/logging_bridge.h"
 #include "zdr/logging/nslog_destination.h"
@@ -79,12 +79,40 @@ SwitchRegistry& switches() {
     return *registry;
 }
 
-void setSwitch(const std::string& id, bool flag) {
+// Recomputes the gate; caller holds the registry's mutex. `pending` is the
+// number of switches still on their way once the caller's own has landed.
+void updateGate(detail::CategorySwitch& cell, int pending) {
+    bool on =
+        cell.tableOn.load(std::memory_order_relaxed) && gEnabled.load(std::memory_order_relaxed);
+    cell.pass.store(on || pending > 0, std::memory_order_release);
+}
+
+// A switch of the current facade is about to be submitted. Until its write
+// has run, the inline gate sends every line of the category to the filter,
+// which then takes a synchronous read of the table: a read that follows an
+// asynchronous write on the same thread sees that write, so the thread that
+// switched sees its own switch (a thread that logs right after switching a
+// category on would otherwise lose that line).
+void beginSwitch(const std::string& id) {
     auto& r = switches();
     std::lock_guard lock(r.mutex);
     auto& cell = r.cellLocked(id);
-    cell.tableOn.store(flag, std::memory_order_relaxed);
-    cell.pass.store(flag && gEnabled.load(std::memory_order_relaxed), std::memory_order_release);
+    int pending = cell.pending.fetch_add(1, std::memory_order_relaxed) + 1;
+    updateGate(cell, pending);
+}
+
+// The write has run. `current`: it went to the facade the filters follow, so
+// the cell takes its value. `counted`: beginSwitch() was called for it.
+void endSwitch(const std::string& id, bool flag, bool current, bool counted) {
+    auto& r = switches();
+    std::lock_guard lock(r.mutex);
+    auto& cell = r.cellLocked(id);
+    if (current) cell.tableOn.store(flag, std::memory_order_relaxed);
+    int pending = cell.pending.load(std::memory_order_relaxed) - (counted ? 1 : 0);
+    updateGate(cell, pending);
+    // Last, so that a filter that reads no pending switch also reads the
+    // value stored above.
+    if (counted) cell.pending.fetch_sub(1, std::memory_order_release);
 }
 
 std::string homeDirectory() {
@@ -173,13 +201,12 @@ void Logging::syncSwitchesFromTable() {
     auto table = stateLock_.read([this] { return loggingEnabled_; });
     auto& r = switches();
     std::lock_guard lock(r.mutex);
-    bool master = gEnabled.load(std::memory_order_relaxed);
     for (const auto& [id, on] : table) r.cellLocked(id);
     for (auto& [id, cell] : r.cells) {
         auto it = table.find(id);
         bool on = it != table.end() && it->second;
         cell->tableOn.store(on, std::memory_order_relaxed);
-        cell->pass.store(on && master, std::memory_order_release);
+        updateGate(*cell, cell->pending.load(std::memory_order_relaxed));
     }
 }
 
@@ -190,8 +217,7 @@ void Logging::setEnabled(bool on) {
     std::lock_guard lock(r.mutex);
     gEnabled.store(on, std::memory_order_release);
     for (auto& [id, cell] : r.cells) {
-        cell->pass.store(on && cell->tableOn.load(std::memory_order_relaxed),
-                         std::memory_order_release);
+        updateGate(*cell, cell->pending.load(std::memory_order_relaxed));
     }
 }
 
@@ -333,11 +359,13 @@ bool Logging::isLoggingEnabled(const std::string& forLog) const {
 
 void Logging::loggingEnabled(const std::string& log, bool flag) {
     std::weak_ptr<Logging> weak = weak_from_this();
-    stateLock_.asyncWrite([weak, log, flag] {
+    const bool counted = gCurrentFacade.load(std::memory_order_acquire) == this;
+    if (counted) beginSwitch(log);
+    stateLock_.asyncWrite([weak, log, flag, counted] {
         auto self = weak.lock();
-        if (!self) return;
-        self->loggingEnabled_[log] = flag;
-        if (gCurrentFacade.load(std::memory_order_acquire) == self.get()) setSwitch(log, flag);
+        if (self) self->loggingEnabled_[log] = flag;
+        bool current = self && gCurrentFacade.load(std::memory_order_acquire) == self.get();
+        if (current || counted) endSwitch(log, flag, current, counted);
     });
 }
 
@@ -387,7 +415,13 @@ Logging::LogFilter::LogFilter(std::string id)
     : id_(std::move(id)), switch_(&detail::categorySwitch(id_)) {}
 
 bool Logging::LogFilter::shouldExclude(const LogDetails&, std::string_view) const {
-    return !switch_->pass.load(std::memory_order_acquire);
+    if (!switch_->pass.load(std::memory_order_acquire)) return true;
+    if (switch_->pending.load(std::memory_order_acquire) == 0) {
+        return !(switch_->tableOn.load(std::memory_order_relaxed) && Logging::enabled());
+    }
+    // A switch is on its way: the table itself answers, after every write
+    // submitted so far (this thread's own included).
+    return !Logging::shared()->isLoggingEnabled(id_);
 }
 
 std::string Logging::LogFilter::debugDescription() const { return "Log filter for: " + id_; }

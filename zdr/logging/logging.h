@@ -20,9 +20,10 @@
 // shows its errors; give a level to see more.
 //
 // Threads: every member may be called from any thread. Writes to the table are
-// asynchronous: a read right after loggingEnabled() may still see the old
-// value (the filter sees the new one as soon as the write has run). Throttled
-// lines are delivered on the main queue.
+// asynchronous: another thread that reads right after loggingEnabled() may
+// still see the old value. The switching thread itself always sees its own
+// switch, in isLoggingEnabled() and in the lines it logs next. Throttled lines
+// are delivered on the main queue.
 #pragma once
 
 #include <atomic>
@@ -63,7 +64,11 @@ namespace detail {
 /// identifier (cells are made on first use and never freed).
 struct CategorySwitch {
     std::atomic<bool> tableOn{false};  // the table's entry (absent reads false)
-    std::atomic<bool> pass{false};     // tableOn and the master switch
+    /// The gate tested inline by every log call: tableOn and the master
+    /// switch, or true while a switch of this category is on its way (the
+    /// filter then asks the table itself).
+    std::atomic<bool> pass{false};
+    std::atomic<int> pending{0};  // switches submitted whose table write has not run
 };
 CategorySwitch& categorySwitch(const std::string& id);
 }  // namespace detail

@@ -143,6 +143,31 @@ TEST(LoggingFacade, ReplacingTheFacadeSwitchesToItsTable) {
     EXPECT_FALSE(logger->shouldLog(LogLevel::error));
 }
 
+// A host that switches a category and logs at once, on the same thread, must
+// see its own switch: the table write is still on its way when the line is
+// filtered, in either direction.
+TEST(LoggingFacade, TheSwitchingThreadSeesItsOwnSwitchAtOnce) {
+    auto logger = Logging::loggerWithID("cat.own.switch");
+    logger->removeDestination("cat.own.switch");  // thousands of lines: keep the journal quiet
+    auto capture = std::make_shared<testing::CaptureDestination>("own.switch.capture");
+    logger->add(capture);
+    auto facade = Logging::shared();
+    constexpr int kTries = 2000;
+    for (int i = 0; i < kTries; ++i) {
+        facade->loggingEnabled("cat.own.switch", true);
+        logger->error("on {}", i);
+        facade->loggingEnabled("cat.own.switch", false);
+        logger->error("off {}", i);
+    }
+    auto lines = capture->lines();
+    int on = 0, off = 0;
+    for (const auto& line : lines) (line.message.rfind("on ", 0) == 0 ? on : off)++;
+    EXPECT_EQ(on, kTries);
+    EXPECT_EQ(off, 0);
+    settle();
+    EXPECT_FALSE(logger->shouldLog(LogLevel::error));  // settled: the fast path is off again
+}
+
 TEST(LoggingFacade, LoggerWithIDGivesOneLoggerWithOneDestinationAndOneFilter) {
     auto a = Logging::loggerWithID("cat.same");
     auto b = Logging::loggerWithID("cat.same", true);

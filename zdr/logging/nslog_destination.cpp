@@ -1,7 +1,7 @@
 #include "zdr/logging/nslog_destination.h"
 
-#include "zdr/logging/internal_log.h"
-#include "zdr/logging/printf_format.h"
+#include "zdr/logging/detail/internal_log.h"
+#include "zdr/logging/detail/printf_format.h"
 
 namespace zdr {
 

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "zdr/logging/internal_log.h"
-#include "zdr/logging/journal_socket.h"
+#include "zdr/logging/detail/internal_log.h"
+#include "zdr/logging/detail/journal_socket.h"
 #include "zdr/runtime/bundle.h"
 
 namespace zdr {
@@ -31,6 +31,10 @@ OSLogDestination::OSLogDestination(std::string identifier)
     : BaseQueuedDestination(std::move(identifier)) {
     pinOption(kDate, true);  // a journal line keeps the library's own date
     subsystem_ = currentSubsystem();
+    // The bundle identifier and the category come from the host and may be
+    // anything; what goes to the journal is cleaned once, here.
+    detail::appendIdentifierText(subsystem_, subsystemField_);
+    detail::appendIdentifierText(this->identifier(), categoryField_);
     fromWithinXCode_ = isWithinXCode();
 }
 
@@ -65,36 +69,30 @@ bool OSLogDestination::journalAvailable() { return detail::JournalSocket::shared
 
 void OSLogDestination::output(const LogDetails& logDetails, std::string_view message) {
     nextLogLevel_.store(static_cast<std::uint8_t>(logDetails.level), std::memory_order_relaxed);
-    if (!hasLogQueue()) {
-        // The level and code location travel with the line itself, so two
-        // threads logging at once can never swap each other's priority.
-        emit(logDetails.level, logDetails.fileName, logDetails.lineNumber, logDetails.functionName,
-             message);
-        return;
-    }
-    auto queue = logQueue();
-    auto self = std::static_pointer_cast<OSLogDestination>(weak_from_this().lock());
-    if (!queue || !self) {
-        emit(logDetails.level, logDetails.fileName, logDetails.lineNumber, logDetails.functionName,
-             message);
-        return;
-    }
-    queue->async([self, level = logDetails.level, file = std::string(logDetails.fileName),
-                  line = logDetails.lineNumber, function = std::string(logDetails.functionName),
-                  text = std::string(message)] { self->emit(level, file, line, function, text); });
+    // The base writes through write(), so a subclass that overrides it sees
+    // every line; write() then finds this line's own level and place.
+    BaseQueuedDestination::output(logDetails, message);
 }
 
-void OSLogDestination::write(std::string_view message) { emit(nextLogLevel(), {}, 0, {}, message); }
+void OSLogDestination::write(std::string_view message) {
+    // The level and code location travel with the line itself, so two
+    // threads logging at once can never swap each other's priority.
+    if (const LogDetails* details = currentLogDetails()) {
+        emit(details->level, details->fileName, details->lineNumber, details->functionName,
+             message);
+        return;
+    }
+    emit(nextLogLevel(), {}, 0, {}, message);
+}
 
 void OSLogDestination::emit(LogLevel level, std::string_view file, long line,
                             std::string_view function, std::string_view message) const {
     // The journal wants UTF-8; replace whatever is not before it gets there.
-    std::string text, codeFile, codeFunc, category;
+    std::string text, codeFile, codeFunc;
     text.reserve(message.size());
     detail::appendValidUtf8(message, text);
     detail::appendValidUtf8(file, codeFile);
     detail::appendValidUtf8(function, codeFunc);
-    detail::appendValidUtf8(identifier(), category);
     char priority[4];
     auto p = std::to_chars(priority, priority + sizeof priority, priorityFor(level)).ptr;
     char lineText[24];
@@ -103,9 +101,9 @@ void OSLogDestination::emit(LogLevel level, std::string_view file, long line,
     std::vector<detail::JournalField> fields = {
         {"MESSAGE", text},
         {"PRIORITY", std::string_view(priority, static_cast<std::size_t>(p - priority))},
-        {"SYSLOG_IDENTIFIER", subsystem_},
-        {"ZDR_SUBSYSTEM", subsystem_},
-        {"ZDR_CATEGORY", category},
+        {"SYSLOG_IDENTIFIER", subsystemField_},
+        {"ZDR_SUBSYSTEM", subsystemField_},
+        {"ZDR_CATEGORY", categoryField_},
     };
     if (!codeFile.empty()) {
         fields.push_back({"CODE_FILE", codeFile});

@@ -7,7 +7,8 @@
 // others 5), SYSLOG_IDENTIFIER and ZDR_SUBSYSTEM (the main bundle's identifier,
 // else "com.tallpinecraft"), ZDR_CATEGORY (the destination's identifier) and
 // CODE_FILE, CODE_LINE, CODE_FUNC. Bytes that are not valid UTF-8 are replaced
-// by U+FFFD. Read them with, for example:
+// by U+FFFD, and so are control characters (newlines included) in the
+// subsystem and category fields. Read them with, for example:
 //
 //   journalctl ZDR_SUBSYSTEM=com.example.rec ZDR_CATEGORY=audio -o verbose
 //
@@ -33,14 +34,19 @@ class OSLogDestination : public BaseQueuedDestination {
     /// Says "Deinit OSLogDestination for <identifier>" on standard output.
     ~OSLogDestination() override;
 
+    /// Records the line's level, then lets the base class hand the line to
+    /// write(): a subclass that overrides write() sees every line.
     void output(const LogDetails& logDetails, std::string_view message) override;
-    /// Writes `message` at the level of the last line that went through
-    /// output(), without a code location.
+    /// Sends `message` to the journal. Called by output(), with that line's
+    /// own level and code location, whichever thread logs; called directly,
+    /// at the level of the last line that went through output() and without
+    /// a code location.
     void write(std::string_view message) override;
 
     LogLevel nextLogLevel() const {
         return static_cast<LogLevel>(nextLogLevel_.load(std::memory_order_relaxed));
     }
+    /// The bundle identifier as given (the journal fields carry it cleaned).
     const std::string& subsystem() const { return subsystem_; }
     const std::string& category() const { return identifier(); }
     /// Whether the process runs under Xcode's tools (recorded only).
@@ -62,6 +68,8 @@ class OSLogDestination : public BaseQueuedDestination {
     std::atomic<std::uint8_t> nextLogLevel_{static_cast<std::uint8_t>(LogLevel::none)};
     bool fromWithinXCode_ = false;
     std::string subsystem_;
+    std::string subsystemField_;  // subsystem_ as the journal fields carry it
+    std::string categoryField_;
 };
 
 }  // namespace zdr

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
 #include <chrono>
+#include <mutex>
+#include <thread>
+#include <vector>
 
-#include "zdr/logging/journal_socket.h"
+#include "zdr/logging/detail/journal_socket.h"
 #include "zdr/logging/testing/journal_receiver.h"
 #include "zdr/logging/testing/stderr_capture.h"
 #include "zdr/logging/testing/test_environment.h"
@@ -152,6 +156,119 @@ TEST(OSLogDestination, WritesOnItsLogQueueWithTheLineItsOwnLevel) {
     ASSERT_TRUE(first && second);
     EXPECT_EQ((*first)["PRIORITY"], "7");
     EXPECT_EQ((*second)["PRIORITY"], "3");
+}
+
+// A destination that keeps what reaches write() and, when asked, passes it
+// on to the journal as the base class would.
+class RecordingJournalDestination : public OSLogDestination {
+ public:
+    RecordingJournalDestination(std::string identifier, bool forward)
+        : OSLogDestination(std::move(identifier)), forward_(forward) {}
+    void write(std::string_view message) override {
+        {
+            std::lock_guard lock(mutex_);
+            written_.emplace_back(message);
+        }
+        if (forward_) OSLogDestination::write(message);
+    }
+    std::vector<std::string> written() const {
+        std::lock_guard lock(mutex_);
+        return written_;
+    }
+
+ private:
+    const bool forward_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> written_;
+};
+
+TEST(OSLogDestination, ASubclassThatOverridesWriteSeesEveryFormattedLine) {
+    JournalReceiver receiver;
+    UseJournal use(receiver);
+    auto destination = std::make_shared<RecordingJournalDestination>("override.write", false);
+    auto logger = loggerWith(destination);
+    logger->info("first {}", 1);
+    logger->error("second");
+    auto written = destination->written();
+    ASSERT_EQ(written.size(), 2u);
+    EXPECT_NE(written[0].find("[Info]"), std::string::npos) << written[0];
+    EXPECT_NE(written[0].find("> first 1"), std::string::npos) << written[0];
+    EXPECT_NE(written[1].find("> second"), std::string::npos) << written[1];
+    EXPECT_EQ(destination->nextLogLevel(), LogLevel::error);
+    // The override did not pass the lines on, so the journal saw none.
+    EXPECT_FALSE(receiver.receive(std::chrono::milliseconds(50)).has_value());
+}
+
+TEST(OSLogDestination, AnOverrideThatForwardsKeepsEachLinesOwnPriorityAcrossThreads) {
+    JournalReceiver receiver;
+    UseJournal use(receiver);
+    auto destination = std::make_shared<RecordingJournalDestination>("override.threads", true);
+    auto logger = loggerWith(destination);
+    const LogLevel levels[] = {LogLevel::debug, LogLevel::info, LogLevel::warning,
+                               LogLevel::notice};
+    // Rounds in which the four threads log one line each, released together;
+    // between rounds this thread takes the lines off the journal socket, whose
+    // queue holds only a few datagrams.
+    constexpr int kThreads = 4, kRounds = 50;
+    std::barrier start(kThreads + 1), done(kThreads + 1);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRounds; ++i) {
+                start.arrive_and_wait();
+                logger->log(levels[t], "thread {} line {}", t, i);
+                done.arrive_and_wait();
+            }
+        });
+    }
+    std::vector<testing::JournalEntry> entries;
+    for (int i = 0; i < kRounds; ++i) {
+        start.arrive_and_wait();
+        done.arrive_and_wait();
+        for (int k = 0; k < kThreads; ++k) {
+            if (auto entry = receiver.receive()) entries.push_back(std::move(*entry));
+        }
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(destination->written().size(), std::size_t{kThreads * kRounds});
+    ASSERT_EQ(entries.size(), std::size_t{kThreads * kRounds});
+    for (auto& entry : entries) {
+        const std::string& message = entry["MESSAGE"];
+        auto at = message.find("> thread ");
+        ASSERT_NE(at, std::string::npos) << message;
+        int t = message[at + 9] - '0';
+        ASSERT_TRUE(t >= 0 && t < kThreads) << message;
+        EXPECT_EQ(entry["PRIORITY"], std::to_string(OSLogDestination::priorityFor(levels[t])))
+            << message;
+        EXPECT_FALSE(entry["CODE_LINE"].empty()) << message;  // the caller's place travels too
+    }
+}
+
+TEST(OSLogDestination, HostileBundleIdentifiersAreCleanedInTheSubsystemFields) {
+    // Invalid UTF-8, a newline that would split a plain field, and other
+    // control characters.
+    Bundle::main().setInfo(kCFBundleIdentifierKey,
+                           std::string("com.evil\xC0\xAF\nPRIORITY=0\x01\x7F.app\xE2\x82"));
+    auto destination = std::make_shared<OSLogDestination>("hostile\ncategory\xFF");
+    Bundle::main().setInfo(kCFBundleIdentifierKey, std::nullopt);
+    JournalReceiver receiver;
+    UseJournal use(receiver);
+    loggerWith(destination)->error("hello");
+    auto entry = receiver.receive();
+    ASSERT_TRUE(entry.has_value());
+    for (const char* field : {"SYSLOG_IDENTIFIER", "ZDR_SUBSYSTEM", "ZDR_CATEGORY"}) {
+        std::string value = (*entry)[field];
+        std::string valid;
+        detail::appendValidUtf8(value, valid);
+        EXPECT_EQ(value, valid) << field;
+        for (unsigned char c : value) EXPECT_FALSE(c < 0x20 || c == 0x7F) << field << ": " << value;
+    }
+    EXPECT_EQ(entry->count("PRIORITY=0"), 0u);
+    EXPECT_EQ((*entry)["PRIORITY"], "3");
+    EXPECT_EQ((*entry)["SYSLOG_IDENTIFIER"], (*entry)["ZDR_SUBSYSTEM"]);
+    EXPECT_EQ((*entry)["ZDR_SUBSYSTEM"].rfind("com.evil", 0), 0u);
+    EXPECT_NE((*entry)["ZDR_SUBSYSTEM"].find(".app"), std::string::npos);
+    EXPECT_NE((*entry)["MESSAGE"].find("> hello"), std::string::npos);
 }
 
 }  // namespace

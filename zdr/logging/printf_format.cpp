@@ -1,4 +1,4 @@
-#include "zdr/logging/printf_format.h"
+#include "zdr/logging/detail/printf_format.h"
 
 #include <sys/types.h>
 #include <cctype>

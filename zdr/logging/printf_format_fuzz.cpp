@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "zdr/logging/printf_format.h"
+#include "zdr/logging/detail/printf_format.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <exception>
 
 #include "zdr/logging/console_destination.h"
-#include "zdr/logging/internal_log.h"
+#include "zdr/logging/detail/internal_log.h"
 
 namespace zdr {
 

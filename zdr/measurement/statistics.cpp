@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

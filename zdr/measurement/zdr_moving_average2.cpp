@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "zdr/runtime/dispatch_source_timer.h"
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

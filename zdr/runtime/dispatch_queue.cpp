@@ -13,8 +13,8 @@
 #include <deque>
 #include <mutex>
 
-#include "zdr/runtime/thread_pool.h"
-#include "zdr/runtime/timer_thread.h"
+#include "zdr/runtime/detail/thread_pool.h"
+#include "zdr/runtime/detail/timer_thread.h"
 
 namespace zdr {
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <mutex>
 
-#include "zdr/runtime/timer_thread.h"
+#include "zdr/runtime/detail/timer_thread.h"
 
 namespace zdr {
 

@@ -1,4 +1,4 @@
-#include "zdr/runtime/thread_pool.h"
+#include "zdr/runtime/detail/thread_pool.h"
 
 #include <gtest/gtest.h>
 

@@ -14,7 +14,7 @@
 
 #include "zdr/system/string_utils.h"
 #include "zdr/system/string_utils_internal.h"
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

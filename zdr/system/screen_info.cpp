@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "zdr/system/screen_provider.h"
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "zdr/runtime/dispatch_queue.h"
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

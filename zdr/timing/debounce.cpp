@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

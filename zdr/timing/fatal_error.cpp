@@ -1,4 +1,4 @@
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 #include <cstdio>
 #include <cstdlib>

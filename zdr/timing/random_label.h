@@ -1,5 +1,6 @@
-// Internal: the random suffix that makes each lock's queue label distinct.
-// Callable from any thread.
+// The random suffix that makes each lock's queue label distinct. Installed
+// because the AtomicProperty template names its queue with it; not meant to be
+// called by hosts. Callable from any thread.
 #pragma once
 
 #include <string>

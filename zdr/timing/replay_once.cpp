@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr::detail {
 

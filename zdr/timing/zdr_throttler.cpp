@@ -4,7 +4,7 @@
 #include <limits>
 #include <stdexcept>
 
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

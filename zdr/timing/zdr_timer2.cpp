@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "zdr/logging/base_destination.h"
-#include "zdr/logging/journal_socket.h"
+#include "zdr/logging/detail/journal_socket.h"
 #include "zdr/logging/logging.h"
 #include "zdr/logging/testing/journal_receiver.h"
 

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <mutex>
 
-#include "zdr/audio/audio_log.h"
-#include "zdr/audio/backends/pulse/pulse_connection.h"
-#include "zdr/audio/backends/pulse/pulse_properties.h"
+#include "zdr/audio/detail/audio_log.h"
+#include "zdr/audio/backends/pulse/detail/pulse_connection.h"
+#include "zdr/audio/backends/pulse/detail/pulse_properties.h"
 
 namespace zdr::hal {
 namespace {

@@ -11,8 +11,8 @@
 #include <mutex>
 #include <thread>
 
-#include "zdr/audio/audio_log.h"
-#include "zdr/audio/backends/pulse/pulse_connection.h"
+#include "zdr/audio/detail/audio_log.h"
+#include "zdr/audio/backends/pulse/detail/pulse_connection.h"
 #include "zdr/testing/pulse_server_fixture.h"
 
 namespace zdr::hal {

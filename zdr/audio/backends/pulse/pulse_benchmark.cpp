@@ -16,8 +16,8 @@
 #include <thread>
 
 #include "zdr/audio/audio_device.h"
+#include "zdr/audio/backends/pulse/detail/pulse_connection.h"
 #include "zdr/audio/backends/pulse/pulse_audio_hardware.h"
-#include "zdr/audio/backends/pulse/pulse_connection.h"
 #include "zdr/audio/backends/simulated/simulated_audio_hardware.h"
 #include "zdr/runtime/notification_center.h"
 #include "zdr/testing/pulse_server_fixture.h"

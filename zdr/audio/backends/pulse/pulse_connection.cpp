@@ -1,4 +1,4 @@
-#include "zdr/audio/backends/pulse/pulse_connection.h"
+#include "zdr/audio/backends/pulse/detail/pulse_connection.h"
 
 #include <pulse/pulseaudio.h>
 
@@ -9,7 +9,7 @@
 #include <mutex>
 #include <thread>
 
-#include "zdr/audio/audio_log.h"
+#include "zdr/audio/detail/audio_log.h"
 
 namespace zdr::detail {
 namespace {

@@ -1,4 +1,4 @@
-#include "zdr/audio/backends/pulse/pulse_connection.h"
+#include "zdr/audio/backends/pulse/detail/pulse_connection.h"
 
 #include <gtest/gtest.h>
 #include <pulse/volume.h>

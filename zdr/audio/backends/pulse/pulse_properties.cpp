@@ -1,4 +1,4 @@
-#include "zdr/audio/backends/pulse/pulse_properties.h"
+#include "zdr/audio/backends/pulse/detail/pulse_properties.h"
 
 #include <pulse/channelmap.h>
 #include <pulse/sample.h>

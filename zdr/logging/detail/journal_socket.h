@@ -30,6 +30,11 @@ void encodeJournalEntry(const std::vector<JournalField>& fields, std::string& ou
 /// replaced by U+FFFD.
 void appendValidUtf8(std::string_view text, std::string& out);
 
+/// As appendValidUtf8(), and control characters (C0, DEL and C1: newlines,
+/// tabs, escapes) are replaced by U+FFFD too: for short identifying fields,
+/// which tools show on one line and match as plain text.
+void appendIdentifierText(std::string_view text, std::string& out);
+
 /// The journal's socket: "/run/systemd/journal/socket" unless the
 /// environment variable ZDR_JOURNAL_SOCKET or setPath() says otherwise.
 class JournalSocket {

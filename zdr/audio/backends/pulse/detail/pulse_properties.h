@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "zdr/audio/backends/pulse/pulse_connection.h"
+#include "zdr/audio/backends/pulse/detail/pulse_connection.h"
 #include "zdr/audio/hal/hal_types.h"
 
 namespace zdr::detail {
