@@ -344,13 +344,14 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             return;
         }
         bool exclusiveWork = kind == Kind::serial || barrier;
-        if (exclusiveWork && tlsQueues.contains(this)) fatalDeadlock(label);
+        const bool nested = tlsQueues.contains(this);
+        if (exclusiveWork && nested) fatalDeadlock(label);
 
         SyncWaiter waiter;
         bool countedInline = false;
         {
             std::unique_lock lock(m);
-            if (kind == Kind::concurrent && !tlsQueues.contains(this)) {
+            if (kind == Kind::concurrent && !nested) {
                 while (stealBarrier(lock)) {
                 }
             }
@@ -371,6 +372,14 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
                     ++running;
                 }
             } else {
+                // A read nested in this queue's own work that has to wait can
+                // only wait for itself: either a barrier holds the queue (the
+                // caller is inside it) or one is queued behind the caller's
+                // running read and waits for it to end.
+                if (nested) {
+                    lock.unlock();
+                    fatalDeadlock(label);
+                }
                 pending.push_back(Item{nullptr, exclusiveWork, &waiter});
                 waiter.cv.wait(lock, [&] { return waiter.released; });
             }

@@ -15,6 +15,9 @@
 //    wake up (the order of work is unchanged).
 //  - sync() (serial or barrier) onto a queue whose work is running on the
 //    calling thread is a deadlock; it stops the program with a message instead.
+//    So does a nested read that would have to wait (inside a barrier, or with
+//    a barrier queued behind the caller's own read); one that need not wait
+//    runs.
 //  - Exceptions thrown by sync() work reach the caller; exceptions escaping
 //    async() work are reported on standard error and swallowed.
 //
@@ -33,6 +36,7 @@
 #pragma once
 
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -123,8 +127,10 @@ class DispatchQueue {
     void async(const std::shared_ptr<DispatchWorkItem>& item) const;
 
     /// Runs `work` (see the header comment for where and when) and returns its
-    /// result; exceptions propagate to the caller.
+    /// result; exceptions propagate to the caller. Constrained to callables so
+    /// that a work item pointer of any constness reaches the overload below.
     template <class F>
+    requires std::invocable<F&>
     decltype(auto) sync(F&& work, DispatchFlags flags = DispatchFlags::none) const {
         using R = std::invoke_result_t<F&>;
         if (flags == DispatchFlags::none && tryEnterInlineRead()) {

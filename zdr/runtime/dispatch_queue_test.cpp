@@ -264,6 +264,21 @@ TEST(DispatchWorkItemTest, NotifyRunsAfterTheItemOnTheGivenQueue) {
     EXPECT_TRUE(item->waitFor(1.0));
 }
 
+TEST(DispatchWorkItemTest, SyncAcceptsAnyWorkItemPointer) {
+    DispatchQueue serial("test.workitem.sync");
+    DispatchQueue concurrent("test.workitem.sync.concurrent",
+                             DispatchQueue::Attributes::concurrent);
+    int runs = 0;
+    std::shared_ptr<DispatchWorkItem> item = DispatchWorkItem::make([&] { ++runs; });
+    serial.sync(item);  // a non-const lvalue
+    concurrent.sync(item);
+    serial.sync(DispatchWorkItem::make([&] { ++runs; }));  // an rvalue
+    auto barrier = DispatchWorkItem::make([&] { ++runs; }, DispatchFlags::barrier);
+    concurrent.sync(barrier);
+    EXPECT_EQ(runs, 4);
+    EXPECT_TRUE(item->waitFor(0));
+}
+
 TEST(DispatchQueueGlobal, SameQueuePerQualityOfService) {
     EXPECT_EQ(DispatchQueue::global(), DispatchQueue::global(DispatchQoS::defaultQoS));
     EXPECT_NE(DispatchQueue::global(DispatchQoS::utility), DispatchQueue::global());
