@@ -40,6 +40,9 @@ void TimerThread::loop() {
             callback();
         } catch (const std::exception& e) {
             std::fprintf(stderr, "zdr: exception escaped a timer callback: %s\n", e.what());
+        } catch (...) {
+            // An exception leaving this thread would end the process.
+            std::fprintf(stderr, "zdr: unknown exception escaped a timer callback\n");
         }
         callback = nullptr;
         lock.lock();
