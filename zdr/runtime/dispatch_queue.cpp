@@ -123,6 +123,7 @@ struct Item {
     std::function<void()> fn;
     bool barrier = false;
     SyncWaiter* waiter = nullptr;
+    std::uint64_t seq = 0;  // order of submission; names the item for removal
 };
 
 class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
@@ -143,6 +144,7 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
 
     std::mutex m;
     std::deque<Item> pending;
+    std::uint64_t nextSeq = 1;
     std::size_t running = 0;  // concurrent: non-barrier work running
     bool exclusive = false;   // a barrier (concurrent) or any work (serial) holds the queue
     // A started asynchronous barrier that nobody runs yet. Whoever takes it
@@ -161,15 +163,41 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
 
     // ---- submission ----
 
-    void async(std::function<void()> fn, bool barrier) {
-        if (kind == Kind::main) {
-            mainPost(std::move(fn));
-            return;
-        }
+    // Returns the item's sequence number, for removePending().
+    std::uint64_t async(std::function<void()> fn, bool barrier) {
+        if (kind == Kind::main) return mainPost(std::move(fn));
         std::lock_guard lock(m);
-        pending.push_back(Item{std::move(fn), barrier && kind == Kind::concurrent, nullptr});
+        const std::uint64_t seq = nextSeq++;
+        pending.push_back(Item{std::move(fn), barrier && kind == Kind::concurrent, nullptr, seq});
         if (pending.back().barrier) fast.fetch_or(kSlow);
         scheduleLocked();
+        return seq;
+    }
+
+    // Withdraws a queued item that has not been started (a cancelled work
+    // item), so that it neither waits in the queue nor holds its work. The
+    // latest items are the likeliest to be withdrawn (a debouncer replaces
+    // the one it queued last), so the search starts at the back.
+    void removePending(std::uint64_t seq) {
+        std::function<void()> removed;  // released outside the lock
+        std::lock_guard lock(m);
+        for (auto it = pending.rbegin(); it != pending.rend(); ++it) {
+            if (it->waiter) continue;  // a sync() caller's place, never withdrawn
+            if (it->seq < seq) break;  // older than the one sought: it is gone
+            if (it->seq != seq) continue;
+            removed = std::move(it->fn);
+            pending.erase(std::next(it).base());
+            break;
+        }
+        if (!removed) return;
+        if (kind == Kind::main) {
+            if (pending.empty() && eventFd >= 0) {
+                std::uint64_t value;
+                [[maybe_unused]] auto n = ::read(eventFd, &value, sizeof value);
+            }
+        } else {
+            scheduleLocked();
+        }
     }
 
     // Starts whatever the queue's discipline allows. Called with m held.
@@ -412,10 +440,11 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
 
     // ---- main queue ----
 
-    void mainPost(std::function<void()> fn) {
+    std::uint64_t mainPost(std::function<void()> fn) {
         std::lock_guard lock(m);
         bool wasEmpty = pending.empty();
-        pending.push_back(Item{std::move(fn), false, nullptr});
+        const std::uint64_t seq = nextSeq++;
+        pending.push_back(Item{std::move(fn), false, nullptr, seq});
         if (wasEmpty) {
             mainWake.notify_one();
             if (eventFd >= 0) {
@@ -423,6 +452,7 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
                 [[maybe_unused]] auto n = ::write(eventFd, &one, sizeof one);
             }
         }
+        return seq;
     }
 
     void mainSync(const std::function<void()>& work) {
@@ -455,9 +485,10 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
         gMainTid.store(currentTid());
         QueueScope scope(this);
         std::unique_lock lock(m);
-        std::size_t count = pending.size();
+        // Only what is queued now: later work waits for the next drain.
+        const std::uint64_t end = nextSeq;
         std::size_t ran = 0;
-        while (ran < count && !pending.empty()) {
+        while (!pending.empty() && pending.front().seq < end) {
             auto fn = std::move(pending.front().fn);
             pending.pop_front();
             lock.unlock();
@@ -560,8 +591,14 @@ void DispatchQueue::async(std::function<void()> work, DispatchFlags flags) const
 }
 
 void DispatchQueue::async(const std::shared_ptr<DispatchWorkItem>& item) const {
-    if (!item) return;
-    impl_->async([item] { item->perform(); }, item->flags() == DispatchFlags::barrier);
+    if (!item || item->isCancelled()) return;  // cancel() has finished it already
+    const std::uint64_t seq =
+        impl_->async([item] { item->perform(); }, item->flags() == DispatchFlags::barrier);
+    std::weak_ptr<QueueImpl> weak = impl_;
+    auto withdraw = [weak, seq] {
+        if (auto impl = weak.lock()) impl->removePending(seq);
+    };
+    if (!item->addCancelHook(withdraw)) withdraw();
 }
 
 void DispatchQueue::sync(const std::shared_ptr<DispatchWorkItem>& item) const {
@@ -591,9 +628,17 @@ void DispatchQueue::asyncAfter(DispatchTime deadline, std::function<void()> work
 
 void DispatchQueue::asyncAfter(DispatchTime deadline,
                                const std::shared_ptr<DispatchWorkItem>& item) const {
-    if (!item) return;
-    asyncAfter(
-        deadline, [item] { item->perform(); }, item->flags());
+    if (!item || item->isCancelled()) return;
+    if (deadline <= dispatchNow()) {
+        async(item);
+        return;
+    }
+    // The timer entry holds the item until its time; a cancel before then
+    // removes the entry (and with it the item and its block) at once.
+    auto handle = detail::TimerThread::shared().schedule(
+        deadline, [queue = *this, item] { queue.async(item); });
+    auto withdraw = [handle] { detail::TimerThread::shared().cancel(handle); };
+    if (!item->addCancelHook(withdraw)) withdraw();
 }
 
 std::size_t DispatchQueue::drain() const { return isMain() ? impl_->mainDrain() : 0; }
@@ -627,7 +672,9 @@ struct DispatchWorkItem::State {
     std::mutex m;
     std::condition_variable cv;
     bool done = false;
+    int running = 0;  // perform() calls inside the block
     std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    std::vector<std::function<void()>> cancelHooks;
 };
 
 DispatchWorkItem::DispatchWorkItem(std::function<void()> block, DispatchFlags flags)
@@ -643,19 +690,76 @@ std::shared_ptr<DispatchWorkItem> DispatchWorkItem::make(std::function<void()> b
 }
 
 void DispatchWorkItem::perform() {
-    if (!state_->cancelled.load() && state_->block) state_->block();
-    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    bool run = false;
     {
         std::lock_guard lock(state_->m);
+        if (!state_->cancelled.load() && state_->block) {
+            ++state_->running;
+            run = true;
+        }
+    }
+    struct Finish {
+        DispatchWorkItem* item;
+        bool ran;
+        ~Finish() { item->finish(ran); }
+    } finish{this, run};
+    // The block is only replaced by cancel() while no perform() runs it.
+    if (run) state_->block();
+}
+
+void DispatchWorkItem::finish(bool ran) {
+    std::function<void()> released;
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    std::vector<std::function<void()>> hooks;
+    {
+        std::lock_guard lock(state_->m);
+        if (ran) --state_->running;
+        if (state_->cancelled.load() && state_->running == 0) released = std::move(state_->block);
         state_->done = true;
         notifications.swap(state_->notifications);
+        // This submission has run; what a cancel would have withdrawn is gone.
+        hooks.swap(state_->cancelHooks);
     }
     state_->cv.notify_all();
     for (auto& [queue, fn] : notifications) queue.async(std::move(fn));
 }
 
-void DispatchWorkItem::cancel() { state_->cancelled.store(true); }
+void DispatchWorkItem::cancel() {
+    // Keeps this item alive while the hooks drop the queue and timer entries
+    // that may hold the last other references to it.
+    auto self = weak_from_this().lock();
+    std::function<void()> released;
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    std::vector<std::function<void()>> hooks;
+    bool completed = false;
+    {
+        std::lock_guard lock(state_->m);
+        if (state_->cancelled.load()) return;
+        state_->cancelled.store(true);
+        hooks.swap(state_->cancelHooks);
+        if (state_->running == 0) {
+            released = std::move(state_->block);
+            state_->block = nullptr;
+            if (!state_->done) {
+                state_->done = true;
+                notifications.swap(state_->notifications);
+                completed = true;
+            }
+        }
+    }
+    for (auto& hook : hooks) hook();
+    if (completed) state_->cv.notify_all();
+    for (auto& [queue, fn] : notifications) queue.async(std::move(fn));
+}
+
 bool DispatchWorkItem::isCancelled() const { return state_->cancelled.load(); }
+
+bool DispatchWorkItem::addCancelHook(std::function<void()> hook) {
+    std::lock_guard lock(state_->m);
+    if (state_->cancelled.load()) return false;
+    state_->cancelHooks.push_back(std::move(hook));
+    return true;
+}
 
 void DispatchWorkItem::wait() {
     std::unique_lock lock(state_->m);

@@ -85,7 +85,10 @@ class DispatchWorkItem : public std::enable_shared_from_this<DispatchWorkItem> {
     /// fires notify() blocks.
     void perform();
     /// Prevents a not-yet-started item from running. Has no effect on one that
-    /// is running or has run.
+    /// is running or has run. An item that is not running is finished at once:
+    /// its block is released, it leaves the queues and timers it waits in,
+    /// waiters return and notify() blocks are submitted. One that is running
+    /// releases its block when it ends.
     void cancel();
     bool isCancelled() const;
     /// Blocks until the item has run (or was skipped because it was cancelled).
@@ -102,6 +105,12 @@ class DispatchWorkItem : public std::enable_shared_from_this<DispatchWorkItem> {
     ~DispatchWorkItem();
 
  private:
+    friend class DispatchQueue;
+    /// Registers what cancel() must undo (a queued entry, a timer entry).
+    /// False, without registering, when the item is already cancelled.
+    bool addCancelHook(std::function<void()> hook);
+    void finish(bool ran);
+
     DispatchFlags flags_;
     std::unique_ptr<State> state_;
 };
