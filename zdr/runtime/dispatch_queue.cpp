@@ -161,6 +161,13 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     bool stopRequested = false;
     int eventFd = -1;
 
+    // The quality a pool job of this queue runs at: the queue's own, or for a
+    // queue without one, that of the work that submitted it (as on the
+    // platform, where such a queue inherits its submitter's).
+    DispatchQoS jobQoS() const {
+        return qos != DispatchQoS::unspecified ? qos : ThreadPool::currentQoS();
+    }
+
     // ---- submission ----
 
     // Returns the item's sequence number, for removePending().
@@ -247,15 +254,17 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             stealable = std::move(item.fn);
             if (!barrierJobQueued) {
                 barrierJobQueued = true;
-                ThreadPool::shared().submit([self = shared_from_this()] {
-                    std::unique_lock lock(self->m);
-                    self->barrierJobQueued = false;
-                    if (!self->stealable) return;  // a sync() caller ran it
-                    auto fn = std::move(self->stealable);
-                    self->stealable = nullptr;
-                    lock.unlock();
-                    self->runBarrier(fn);
-                });
+                ThreadPool::shared().submit(
+                    [self = shared_from_this()] {
+                        std::unique_lock lock(self->m);
+                        self->barrierJobQueued = false;
+                        if (!self->stealable) return;  // a sync() caller ran it
+                        auto fn = std::move(self->stealable);
+                        self->stealable = nullptr;
+                        lock.unlock();
+                        self->runBarrier(fn);
+                    },
+                    jobQoS());
             }
             return;
         }
@@ -274,7 +283,8 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
                     --self->running;
                 }
                 self->scheduleLocked();
-            });
+            },
+            jobQoS());
     }
 
     // Runs a taken barrier on the calling thread and lets the queue go on.
@@ -308,7 +318,7 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     }
 
     void submitSerialDrain() {
-        ThreadPool::shared().submit([self = shared_from_this()] { self->serialDrain(); });
+        ThreadPool::shared().submit([self = shared_from_this()] { self->serialDrain(); }, jobQoS());
     }
 
     // Runs a serial queue's work in order on one pool thread, giving the thread
