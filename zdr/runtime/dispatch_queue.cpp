@@ -148,9 +148,12 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     std::size_t running = 0;  // concurrent: non-barrier work running
     bool exclusive = false;   // a barrier (concurrent) or any work (serial) holds the queue
     // A started asynchronous barrier that nobody runs yet. Whoever takes it
-    // first under m runs it: the pool job below, or a sync() caller that would
-    // otherwise sit waiting for a pool thread to wake up.
+    // first runs it: the pool job below, or a sync() caller that would
+    // otherwise sit waiting for a pool thread to wake up. It is filled under
+    // m only when a barrier starts, which needs the previous one finished, so
+    // one slot is enough; takers claim it by clearing `stealReady`, without m.
     std::function<void()> stealable;
+    std::atomic<bool> stealReady{false};
     // A pool job is on its way to run `stealable`. Barriers started while it
     // is still queued ride on the same job, so a writer that is always
     // overtaken by its readers does not wake a pool thread every time.
@@ -175,6 +178,17 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
         if (kind == Kind::main) return mainPost(std::move(fn));
         std::lock_guard lock(m);
         const std::uint64_t seq = nextSeq++;
+        if (barrier && kind == Kind::concurrent && !exclusive && running == 0 && pending.empty()) {
+            // An idle queue: the barrier starts at once, without passing
+            // through the pending list. Setting kSlow first turns new inline
+            // readers away; the readers already in are counted in `before`.
+            const std::uint64_t before = fast.fetch_or(kSlow);
+            if ((before & kCountMask) == 0) {
+                exclusive = true;
+                startBarrier(std::move(fn));
+                return seq;
+            }
+        }
         pending.push_back(Item{std::move(fn), barrier && kind == Kind::concurrent, nullptr, seq});
         if (pending.back().barrier) fast.fetch_or(kSlow);
         scheduleLocked();
@@ -251,21 +265,7 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             return;
         }
         if (item.barrier) {
-            stealable = std::move(item.fn);
-            if (!barrierJobQueued) {
-                barrierJobQueued = true;
-                ThreadPool::shared().submit(
-                    [self = shared_from_this()] {
-                        std::unique_lock lock(self->m);
-                        self->barrierJobQueued = false;
-                        if (!self->stealable) return;  // a sync() caller ran it
-                        auto fn = std::move(self->stealable);
-                        self->stealable = nullptr;
-                        lock.unlock();
-                        self->runBarrier(fn);
-                    },
-                    jobQoS());
-            }
+            startBarrier(std::move(item.fn));
             return;
         }
         bool barrier = item.barrier;
@@ -285,6 +285,37 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
                 self->scheduleLocked();
             },
             jobQoS());
+    }
+
+    // With m held and the queue made exclusive for it: offers the barrier to
+    // whoever comes first, and makes sure a pool job comes.
+    void startBarrier(std::function<void()> fn) {
+        stealable = std::move(fn);
+        stealReady.store(true, std::memory_order_release);
+        if (barrierJobQueued) return;
+        barrierJobQueued = true;
+        ThreadPool::shared().submit(
+            [self = shared_from_this()] {
+                {
+                    std::lock_guard lock(self->m);
+                    self->barrierJobQueued = false;
+                }
+                // Claimed after the flag is cleared: a barrier started from
+                // now on queues a job of its own.
+                std::function<void()> taken;
+                if (!self->takeBarrier(taken)) return;  // a sync() caller ran it
+                self->runBarrier(taken);
+            },
+            jobQoS());
+    }
+
+    // Claims the started barrier, if there is one nobody has taken.
+    bool takeBarrier(std::function<void()>& fn) {
+        if (!stealReady.load(std::memory_order_relaxed)) return false;
+        if (!stealReady.exchange(false, std::memory_order_acq_rel)) return false;
+        fn = std::move(stealable);
+        stealable = nullptr;
+        return true;
     }
 
     // Runs a taken barrier on the calling thread and lets the queue go on.
@@ -309,9 +340,8 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     // With m held: if the work holding the queue is an unstarted barrier, run
     // it here. Returns false when there was nothing to take.
     bool stealBarrier(std::unique_lock<std::mutex>& lock) {
-        if (!exclusive || !stealable) return false;
-        auto fn = std::move(stealable);
-        stealable = nullptr;
+        std::function<void()> fn;
+        if (!exclusive || !takeBarrier(fn)) return false;
         lock.unlock();
         runBarrier(fn, lock);
         return true;
@@ -388,38 +418,67 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
         SyncWaiter waiter;
         bool countedInline = false;
         {
-            std::unique_lock lock(m);
+            std::unique_lock lock(m, std::defer_lock);
             if (kind == Kind::concurrent && !nested) {
-                while (stealBarrier(lock)) {
-                }
-            }
-            if (kind == Kind::concurrent && barrier) fast.fetch_or(kSlow);
-            bool free = !exclusive && pending.empty();
-            if (free && kind == Kind::concurrent && barrier) {
-                free = running == 0 && (fast.load() & kCountMask) == 0;
-            }
-            if (free) {
-                if (exclusiveWork) {
-                    exclusive = true;
-                } else if (kind == Kind::concurrent && (fast.load() & kSlow) == 0) {
-                    // Nothing is queued: become an inline reader, which leaves
-                    // without taking m unless a barrier came in meanwhile.
-                    fast.fetch_add(1);
-                    countedInline = true;
+                // A started barrier that no thread has taken yet (say, an
+                // asyncWrite just before this read) runs here at once.
+                std::function<void()> fn;
+                if (takeBarrier(fn)) {
+                    {
+                        QueueScope scope(this);
+                        runGuarded(fn, label);
+                    }
+                    fn = nullptr;
+                    lock.lock();
+                    exclusive = false;
+                    if (!barrier && pending.empty()) {
+                        // Count this reader in before letting go of the lock:
+                        // one step clears kSlow (set while the barrier held
+                        // the queue) and adds the reader.
+                        fast.fetch_add(1 - kSlow);
+                        countedInline = true;
+                    } else {
+                        scheduleLocked();
+                    }
                 } else {
-                    ++running;
+                    lock.lock();
+                }
+                if (!countedInline) {
+                    while (stealBarrier(lock)) {
+                    }
                 }
             } else {
-                // A read nested in this queue's own work that has to wait can
-                // only wait for itself: either a barrier holds the queue (the
-                // caller is inside it) or one is queued behind the caller's
-                // running read and waits for it to end.
-                if (nested) {
-                    lock.unlock();
-                    fatalDeadlock(label);
+                lock.lock();
+            }
+            if (!countedInline) {
+                if (kind == Kind::concurrent && barrier) fast.fetch_or(kSlow);
+                bool free = !exclusive && pending.empty();
+                if (free && kind == Kind::concurrent && barrier) {
+                    free = running == 0 && (fast.load() & kCountMask) == 0;
                 }
-                pending.push_back(Item{nullptr, exclusiveWork, &waiter});
-                waiter.cv.wait(lock, [&] { return waiter.released; });
+                if (free) {
+                    if (exclusiveWork) {
+                        exclusive = true;
+                    } else if (kind == Kind::concurrent && (fast.load() & kSlow) == 0) {
+                        // Nothing is queued: become an inline reader, which
+                        // leaves without taking m unless a barrier came in.
+                        fast.fetch_add(1);
+                        countedInline = true;
+                    } else {
+                        ++running;
+                    }
+                } else {
+                    // A read nested in this queue's own work that has to wait
+                    // can only wait for itself: either a barrier holds the
+                    // queue (the caller is inside it) or one is queued behind
+                    // the caller's running read and waits for it to end.
+                    if (nested) {
+                        lock.unlock();
+                        fatalDeadlock(label);
+                    }
+                    pending.push_back(Item{nullptr, exclusiveWork, &waiter});
+                    waiter.cv.wait(lock, [&] { return waiter.released; });
+                }
             }
         }
         if (countedInline) {
@@ -719,12 +778,18 @@ void DispatchWorkItem::perform() {
 
 void DispatchWorkItem::finish(bool ran) {
     std::function<void()> released;
-    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
-    std::vector<std::function<void()>> hooks;
     {
         std::lock_guard lock(state_->m);
         if (ran) --state_->running;
         if (state_->cancelled.load() && state_->running == 0) released = std::move(state_->block);
+    }
+    // Released before anyone waiting learns that the item is done, and
+    // outside the lock: the block's captures may do anything when destroyed.
+    released = nullptr;
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    std::vector<std::function<void()>> hooks;
+    {
+        std::lock_guard lock(state_->m);
         state_->done = true;
         notifications.swap(state_->notifications);
         // This submission has run; what a cancel would have withdrawn is gone.
@@ -739,9 +804,7 @@ void DispatchWorkItem::cancel() {
     // that may hold the last other references to it.
     auto self = weak_from_this().lock();
     std::function<void()> released;
-    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
     std::vector<std::function<void()>> hooks;
-    bool completed = false;
     {
         std::lock_guard lock(state_->m);
         if (state_->cancelled.load()) return;
@@ -750,14 +813,21 @@ void DispatchWorkItem::cancel() {
         if (state_->running == 0) {
             released = std::move(state_->block);
             state_->block = nullptr;
-            if (!state_->done) {
-                state_->done = true;
-                notifications.swap(state_->notifications);
-                completed = true;
-            }
         }
     }
     for (auto& hook : hooks) hook();
+    released = nullptr;
+    // An item that is not running will never run now: it is finished.
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    bool completed = false;
+    {
+        std::lock_guard lock(state_->m);
+        if (state_->running == 0 && !state_->done) {
+            state_->done = true;
+            notifications.swap(state_->notifications);
+            completed = true;
+        }
+    }
     if (completed) state_->cv.notify_all();
     for (auto& [queue, fn] : notifications) queue.async(std::move(fn));
 }
