@@ -23,7 +23,10 @@
 //
 // Global queues share one elastic thread pool: it starts threads as work
 // arrives, adds more when its workers are blocked (so a sleeping job never
-// starves the others) and lets idle threads go.
+// starves the others) and lets idle threads go. Waiting work of a higher
+// quality of service starts first; a queue created with
+// DispatchQoS::unspecified runs its work at the quality of the work that
+// submitted it.
 //
 // The main queue has no thread of its own: work waits until the host drains it
 // with drain() or run(), or watches pollFd() from its own event loop (GLib, Qt,
