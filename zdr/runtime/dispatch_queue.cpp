@@ -123,6 +123,7 @@ struct Item {
     std::function<void()> fn;
     bool barrier = false;
     SyncWaiter* waiter = nullptr;
+    std::uint64_t seq = 0;  // order of submission; names the item for removal
 };
 
 class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
@@ -143,12 +144,16 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
 
     std::mutex m;
     std::deque<Item> pending;
+    std::uint64_t nextSeq = 1;
     std::size_t running = 0;  // concurrent: non-barrier work running
     bool exclusive = false;   // a barrier (concurrent) or any work (serial) holds the queue
     // A started asynchronous barrier that nobody runs yet. Whoever takes it
-    // first under m runs it: the pool job below, or a sync() caller that would
-    // otherwise sit waiting for a pool thread to wake up.
+    // first runs it: the pool job below, or a sync() caller that would
+    // otherwise sit waiting for a pool thread to wake up. It is filled under
+    // m only when a barrier starts, which needs the previous one finished, so
+    // one slot is enough; takers claim it by clearing `stealReady`, without m.
     std::function<void()> stealable;
+    std::atomic<bool> stealReady{false};
     // A pool job is on its way to run `stealable`. Barriers started while it
     // is still queued ride on the same job, so a writer that is always
     // overtaken by its readers does not wake a pool thread every time.
@@ -159,17 +164,61 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     bool stopRequested = false;
     int eventFd = -1;
 
+    // The quality a pool job of this queue runs at: the queue's own, or for a
+    // queue without one, that of the work that submitted it (as on the
+    // platform, where such a queue inherits its submitter's).
+    DispatchQoS jobQoS() const {
+        return qos != DispatchQoS::unspecified ? qos : ThreadPool::currentQoS();
+    }
+
     // ---- submission ----
 
-    void async(std::function<void()> fn, bool barrier) {
-        if (kind == Kind::main) {
-            mainPost(std::move(fn));
-            return;
-        }
+    // Returns the item's sequence number, for removePending().
+    std::uint64_t async(std::function<void()> fn, bool barrier) {
+        if (kind == Kind::main) return mainPost(std::move(fn));
         std::lock_guard lock(m);
-        pending.push_back(Item{std::move(fn), barrier && kind == Kind::concurrent, nullptr});
+        const std::uint64_t seq = nextSeq++;
+        if (barrier && kind == Kind::concurrent && !exclusive && running == 0 && pending.empty()) {
+            // An idle queue: the barrier starts at once, without passing
+            // through the pending list. Setting kSlow first turns new inline
+            // readers away; the readers already in are counted in `before`.
+            const std::uint64_t before = fast.fetch_or(kSlow);
+            if ((before & kCountMask) == 0) {
+                exclusive = true;
+                startBarrier(std::move(fn));
+                return seq;
+            }
+        }
+        pending.push_back(Item{std::move(fn), barrier && kind == Kind::concurrent, nullptr, seq});
         if (pending.back().barrier) fast.fetch_or(kSlow);
         scheduleLocked();
+        return seq;
+    }
+
+    // Withdraws a queued item that has not been started (a cancelled work
+    // item), so that it neither waits in the queue nor holds its work. The
+    // latest items are the likeliest to be withdrawn (a debouncer replaces
+    // the one it queued last), so the search starts at the back.
+    void removePending(std::uint64_t seq) {
+        std::function<void()> removed;  // released outside the lock
+        std::lock_guard lock(m);
+        for (auto it = pending.rbegin(); it != pending.rend(); ++it) {
+            if (it->waiter) continue;  // a sync() caller's place, never withdrawn
+            if (it->seq < seq) break;  // older than the one sought: it is gone
+            if (it->seq != seq) continue;
+            removed = std::move(it->fn);
+            pending.erase(std::next(it).base());
+            break;
+        }
+        if (!removed) return;
+        if (kind == Kind::main) {
+            if (pending.empty() && eventFd >= 0) {
+                std::uint64_t value;
+                [[maybe_unused]] auto n = ::read(eventFd, &value, sizeof value);
+            }
+        } else {
+            scheduleLocked();
+        }
     }
 
     // Starts whatever the queue's discipline allows. Called with m held.
@@ -216,19 +265,7 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             return;
         }
         if (item.barrier) {
-            stealable = std::move(item.fn);
-            if (!barrierJobQueued) {
-                barrierJobQueued = true;
-                ThreadPool::shared().submit([self = shared_from_this()] {
-                    std::unique_lock lock(self->m);
-                    self->barrierJobQueued = false;
-                    if (!self->stealable) return;  // a sync() caller ran it
-                    auto fn = std::move(self->stealable);
-                    self->stealable = nullptr;
-                    lock.unlock();
-                    self->runBarrier(fn);
-                });
-            }
+            startBarrier(std::move(item.fn));
             return;
         }
         bool barrier = item.barrier;
@@ -246,7 +283,39 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
                     --self->running;
                 }
                 self->scheduleLocked();
-            });
+            },
+            jobQoS());
+    }
+
+    // With m held and the queue made exclusive for it: offers the barrier to
+    // whoever comes first, and makes sure a pool job comes.
+    void startBarrier(std::function<void()> fn) {
+        stealable = std::move(fn);
+        stealReady.store(true, std::memory_order_release);
+        if (barrierJobQueued) return;
+        barrierJobQueued = true;
+        ThreadPool::shared().submit(
+            [self = shared_from_this()] {
+                {
+                    std::lock_guard lock(self->m);
+                    self->barrierJobQueued = false;
+                }
+                // Claimed after the flag is cleared: a barrier started from
+                // now on queues a job of its own.
+                std::function<void()> taken;
+                if (!self->takeBarrier(taken)) return;  // a sync() caller ran it
+                self->runBarrier(taken);
+            },
+            jobQoS());
+    }
+
+    // Claims the started barrier, if there is one nobody has taken.
+    bool takeBarrier(std::function<void()>& fn) {
+        if (!stealReady.load(std::memory_order_relaxed)) return false;
+        if (!stealReady.exchange(false, std::memory_order_acq_rel)) return false;
+        fn = std::move(stealable);
+        stealable = nullptr;
+        return true;
     }
 
     // Runs a taken barrier on the calling thread and lets the queue go on.
@@ -271,16 +340,15 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
     // With m held: if the work holding the queue is an unstarted barrier, run
     // it here. Returns false when there was nothing to take.
     bool stealBarrier(std::unique_lock<std::mutex>& lock) {
-        if (!exclusive || !stealable) return false;
-        auto fn = std::move(stealable);
-        stealable = nullptr;
+        std::function<void()> fn;
+        if (!exclusive || !takeBarrier(fn)) return false;
         lock.unlock();
         runBarrier(fn, lock);
         return true;
     }
 
     void submitSerialDrain() {
-        ThreadPool::shared().submit([self = shared_from_this()] { self->serialDrain(); });
+        ThreadPool::shared().submit([self = shared_from_this()] { self->serialDrain(); }, jobQoS());
     }
 
     // Runs a serial queue's work in order on one pool thread, giving the thread
@@ -344,35 +412,73 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
             return;
         }
         bool exclusiveWork = kind == Kind::serial || barrier;
-        if (exclusiveWork && tlsQueues.contains(this)) fatalDeadlock(label);
+        const bool nested = tlsQueues.contains(this);
+        if (exclusiveWork && nested) fatalDeadlock(label);
 
         SyncWaiter waiter;
         bool countedInline = false;
         {
-            std::unique_lock lock(m);
-            if (kind == Kind::concurrent && !tlsQueues.contains(this)) {
-                while (stealBarrier(lock)) {
-                }
-            }
-            if (kind == Kind::concurrent && barrier) fast.fetch_or(kSlow);
-            bool free = !exclusive && pending.empty();
-            if (free && kind == Kind::concurrent && barrier) {
-                free = running == 0 && (fast.load() & kCountMask) == 0;
-            }
-            if (free) {
-                if (exclusiveWork) {
-                    exclusive = true;
-                } else if (kind == Kind::concurrent && (fast.load() & kSlow) == 0) {
-                    // Nothing is queued: become an inline reader, which leaves
-                    // without taking m unless a barrier came in meanwhile.
-                    fast.fetch_add(1);
-                    countedInline = true;
+            std::unique_lock lock(m, std::defer_lock);
+            if (kind == Kind::concurrent && !nested) {
+                // A started barrier that no thread has taken yet (say, an
+                // asyncWrite just before this read) runs here at once.
+                std::function<void()> fn;
+                if (takeBarrier(fn)) {
+                    {
+                        QueueScope scope(this);
+                        runGuarded(fn, label);
+                    }
+                    fn = nullptr;
+                    lock.lock();
+                    exclusive = false;
+                    if (!barrier && pending.empty()) {
+                        // Count this reader in before letting go of the lock:
+                        // one step clears kSlow (set while the barrier held
+                        // the queue) and adds the reader.
+                        fast.fetch_add(1 - kSlow);
+                        countedInline = true;
+                    } else {
+                        scheduleLocked();
+                    }
                 } else {
-                    ++running;
+                    lock.lock();
+                }
+                if (!countedInline) {
+                    while (stealBarrier(lock)) {
+                    }
                 }
             } else {
-                pending.push_back(Item{nullptr, exclusiveWork, &waiter});
-                waiter.cv.wait(lock, [&] { return waiter.released; });
+                lock.lock();
+            }
+            if (!countedInline) {
+                if (kind == Kind::concurrent && barrier) fast.fetch_or(kSlow);
+                bool free = !exclusive && pending.empty();
+                if (free && kind == Kind::concurrent && barrier) {
+                    free = running == 0 && (fast.load() & kCountMask) == 0;
+                }
+                if (free) {
+                    if (exclusiveWork) {
+                        exclusive = true;
+                    } else if (kind == Kind::concurrent && (fast.load() & kSlow) == 0) {
+                        // Nothing is queued: become an inline reader, which
+                        // leaves without taking m unless a barrier came in.
+                        fast.fetch_add(1);
+                        countedInline = true;
+                    } else {
+                        ++running;
+                    }
+                } else {
+                    // A read nested in this queue's own work that has to wait
+                    // can only wait for itself: either a barrier holds the
+                    // queue (the caller is inside it) or one is queued behind
+                    // the caller's running read and waits for it to end.
+                    if (nested) {
+                        lock.unlock();
+                        fatalDeadlock(label);
+                    }
+                    pending.push_back(Item{nullptr, exclusiveWork, &waiter});
+                    waiter.cv.wait(lock, [&] { return waiter.released; });
+                }
             }
         }
         if (countedInline) {
@@ -403,10 +509,11 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
 
     // ---- main queue ----
 
-    void mainPost(std::function<void()> fn) {
+    std::uint64_t mainPost(std::function<void()> fn) {
         std::lock_guard lock(m);
         bool wasEmpty = pending.empty();
-        pending.push_back(Item{std::move(fn), false, nullptr});
+        const std::uint64_t seq = nextSeq++;
+        pending.push_back(Item{std::move(fn), false, nullptr, seq});
         if (wasEmpty) {
             mainWake.notify_one();
             if (eventFd >= 0) {
@@ -414,6 +521,7 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
                 [[maybe_unused]] auto n = ::write(eventFd, &one, sizeof one);
             }
         }
+        return seq;
     }
 
     void mainSync(const std::function<void()>& work) {
@@ -446,9 +554,10 @@ class QueueImpl : public std::enable_shared_from_this<QueueImpl> {
         gMainTid.store(currentTid());
         QueueScope scope(this);
         std::unique_lock lock(m);
-        std::size_t count = pending.size();
+        // Only what is queued now: later work waits for the next drain.
+        const std::uint64_t end = nextSeq;
         std::size_t ran = 0;
-        while (ran < count && !pending.empty()) {
+        while (!pending.empty() && pending.front().seq < end) {
             auto fn = std::move(pending.front().fn);
             pending.pop_front();
             lock.unlock();
@@ -551,8 +660,14 @@ void DispatchQueue::async(std::function<void()> work, DispatchFlags flags) const
 }
 
 void DispatchQueue::async(const std::shared_ptr<DispatchWorkItem>& item) const {
-    if (!item) return;
-    impl_->async([item] { item->perform(); }, item->flags() == DispatchFlags::barrier);
+    if (!item || item->isCancelled()) return;  // cancel() has finished it already
+    const std::uint64_t seq =
+        impl_->async([item] { item->perform(); }, item->flags() == DispatchFlags::barrier);
+    std::weak_ptr<QueueImpl> weak = impl_;
+    auto withdraw = [weak, seq] {
+        if (auto impl = weak.lock()) impl->removePending(seq);
+    };
+    if (!item->addCancelHook(withdraw)) withdraw();
 }
 
 void DispatchQueue::sync(const std::shared_ptr<DispatchWorkItem>& item) const {
@@ -582,9 +697,17 @@ void DispatchQueue::asyncAfter(DispatchTime deadline, std::function<void()> work
 
 void DispatchQueue::asyncAfter(DispatchTime deadline,
                                const std::shared_ptr<DispatchWorkItem>& item) const {
-    if (!item) return;
-    asyncAfter(
-        deadline, [item] { item->perform(); }, item->flags());
+    if (!item || item->isCancelled()) return;
+    if (deadline <= dispatchNow()) {
+        async(item);
+        return;
+    }
+    // The timer entry holds the item until its time; a cancel before then
+    // removes the entry (and with it the item and its block) at once.
+    auto handle = detail::TimerThread::shared().schedule(
+        deadline, [queue = *this, item] { queue.async(item); });
+    auto withdraw = [handle] { detail::TimerThread::shared().cancel(handle); };
+    if (!item->addCancelHook(withdraw)) withdraw();
 }
 
 std::size_t DispatchQueue::drain() const { return isMain() ? impl_->mainDrain() : 0; }
@@ -618,7 +741,9 @@ struct DispatchWorkItem::State {
     std::mutex m;
     std::condition_variable cv;
     bool done = false;
+    int running = 0;  // perform() calls inside the block
     std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    std::vector<std::function<void()>> cancelHooks;
 };
 
 DispatchWorkItem::DispatchWorkItem(std::function<void()> block, DispatchFlags flags)
@@ -634,19 +759,87 @@ std::shared_ptr<DispatchWorkItem> DispatchWorkItem::make(std::function<void()> b
 }
 
 void DispatchWorkItem::perform() {
-    if (!state_->cancelled.load() && state_->block) state_->block();
+    bool run = false;
+    {
+        std::lock_guard lock(state_->m);
+        if (!state_->cancelled.load() && state_->block) {
+            ++state_->running;
+            run = true;
+        }
+    }
+    struct Finish {
+        DispatchWorkItem* item;
+        bool ran;
+        ~Finish() { item->finish(ran); }
+    } finish{this, run};
+    // The block is only replaced by cancel() while no perform() runs it.
+    if (run) state_->block();
+}
+
+void DispatchWorkItem::finish(bool ran) {
+    std::function<void()> released;
+    {
+        std::lock_guard lock(state_->m);
+        if (ran) --state_->running;
+        if (state_->cancelled.load() && state_->running == 0) released = std::move(state_->block);
+    }
+    // Released before anyone waiting learns that the item is done, and
+    // outside the lock: the block's captures may do anything when destroyed.
+    released = nullptr;
     std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    std::vector<std::function<void()>> hooks;
     {
         std::lock_guard lock(state_->m);
         state_->done = true;
         notifications.swap(state_->notifications);
+        // This submission has run; what a cancel would have withdrawn is gone.
+        hooks.swap(state_->cancelHooks);
     }
     state_->cv.notify_all();
     for (auto& [queue, fn] : notifications) queue.async(std::move(fn));
 }
 
-void DispatchWorkItem::cancel() { state_->cancelled.store(true); }
+void DispatchWorkItem::cancel() {
+    // Keeps this item alive while the hooks drop the queue and timer entries
+    // that may hold the last other references to it.
+    auto self = weak_from_this().lock();
+    std::function<void()> released;
+    std::vector<std::function<void()>> hooks;
+    {
+        std::lock_guard lock(state_->m);
+        if (state_->cancelled.load()) return;
+        state_->cancelled.store(true);
+        hooks.swap(state_->cancelHooks);
+        if (state_->running == 0) {
+            released = std::move(state_->block);
+            state_->block = nullptr;
+        }
+    }
+    for (auto& hook : hooks) hook();
+    released = nullptr;
+    // An item that is not running will never run now: it is finished.
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+    bool completed = false;
+    {
+        std::lock_guard lock(state_->m);
+        if (state_->running == 0 && !state_->done) {
+            state_->done = true;
+            notifications.swap(state_->notifications);
+            completed = true;
+        }
+    }
+    if (completed) state_->cv.notify_all();
+    for (auto& [queue, fn] : notifications) queue.async(std::move(fn));
+}
+
 bool DispatchWorkItem::isCancelled() const { return state_->cancelled.load(); }
+
+bool DispatchWorkItem::addCancelHook(std::function<void()> hook) {
+    std::lock_guard lock(state_->m);
+    if (state_->cancelled.load()) return false;
+    state_->cancelHooks.push_back(std::move(hook));
+    return true;
+}
 
 void DispatchWorkItem::wait() {
     std::unique_lock lock(state_->m);

@@ -15,12 +15,18 @@
 //    wake up (the order of work is unchanged).
 //  - sync() (serial or barrier) onto a queue whose work is running on the
 //    calling thread is a deadlock; it stops the program with a message instead.
+//    So does a nested read that would have to wait (inside a barrier, or with
+//    a barrier queued behind the caller's own read); one that need not wait
+//    runs.
 //  - Exceptions thrown by sync() work reach the caller; exceptions escaping
 //    async() work are reported on standard error and swallowed.
 //
 // Global queues share one elastic thread pool: it starts threads as work
 // arrives, adds more when its workers are blocked (so a sleeping job never
-// starves the others) and lets idle threads go.
+// starves the others) and lets idle threads go. Waiting work of a higher
+// quality of service starts first; a queue created with
+// DispatchQoS::unspecified runs its work at the quality of the work that
+// submitted it.
 //
 // The main queue has no thread of its own: work waits until the host drains it
 // with drain() or run(), or watches pollFd() from its own event loop (GLib, Qt,
@@ -33,6 +39,7 @@
 #pragma once
 
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -81,7 +88,10 @@ class DispatchWorkItem : public std::enable_shared_from_this<DispatchWorkItem> {
     /// fires notify() blocks.
     void perform();
     /// Prevents a not-yet-started item from running. Has no effect on one that
-    /// is running or has run.
+    /// is running or has run. An item that is not running is finished at once:
+    /// its block is released, it leaves the queues and timers it waits in,
+    /// waiters return and notify() blocks are submitted. One that is running
+    /// releases its block when it ends.
     void cancel();
     bool isCancelled() const;
     /// Blocks until the item has run (or was skipped because it was cancelled).
@@ -98,6 +108,12 @@ class DispatchWorkItem : public std::enable_shared_from_this<DispatchWorkItem> {
     ~DispatchWorkItem();
 
  private:
+    friend class DispatchQueue;
+    /// Registers what cancel() must undo (a queued entry, a timer entry).
+    /// False, without registering, when the item is already cancelled.
+    bool addCancelHook(std::function<void()> hook);
+    void finish(bool ran);
+
     DispatchFlags flags_;
     std::unique_ptr<State> state_;
 };
@@ -123,8 +139,10 @@ class DispatchQueue {
     void async(const std::shared_ptr<DispatchWorkItem>& item) const;
 
     /// Runs `work` (see the header comment for where and when) and returns its
-    /// result; exceptions propagate to the caller.
+    /// result; exceptions propagate to the caller. Constrained to callables so
+    /// that a work item pointer of any constness reaches the overload below.
     template <class F>
+    requires std::invocable<F&>
     decltype(auto) sync(F&& work, DispatchFlags flags = DispatchFlags::none) const {
         using R = std::invoke_result_t<F&>;
         if (flags == DispatchFlags::none && tryEnterInlineRead()) {

@@ -252,6 +252,54 @@ TEST(DispatchWorkItemTest, CancelledItemDoesNotRunButWaitReturns) {
     EXPECT_TRUE(item->isCancelled());
 }
 
+TEST(DispatchWorkItemTest, CancelFinishesAWaitingItemAndReleasesItsBlockAtOnce) {
+    auto token = std::make_shared<int>(0);
+    DispatchQueue other("test.workitem.cancel.notify");
+    std::promise<void> notified;
+
+    // Waiting for its deadline on the timer thread.
+    auto delayed = DispatchWorkItem::make([token] { ++*token; });
+    delayed->notify(other, [&] { notified.set_value(); });
+    DispatchQueue q("test.workitem.cancel");
+    q.asyncAfter(dispatchTimeAfter(60), delayed);
+    EXPECT_EQ(token.use_count(), 2);
+    delayed->cancel();
+    EXPECT_EQ(token.use_count(), 1);
+    EXPECT_TRUE(delayed->waitFor(0));
+    EXPECT_EQ(notified.get_future().wait_for(5s), std::future_status::ready);
+
+    // Queued behind busy work on a serial queue: it leaves the queue at once,
+    // and the queue goes on with what follows it.
+    std::promise<void> release;
+    auto gate = release.get_future().share();
+    q.async([gate] { gate.wait(); });
+    auto queued = DispatchWorkItem::make([token] { ++*token; });
+    q.async(queued);
+    std::atomic<bool> after{false};
+    q.async([&] { after = true; });
+    EXPECT_EQ(token.use_count(), 2);
+    queued->cancel();
+    EXPECT_EQ(token.use_count(), 1);
+    release.set_value();
+    q.sync([] {});
+    EXPECT_TRUE(after.load());
+    EXPECT_EQ(*token, 0);
+
+    // Running: it finishes; the block goes when it ends.
+    std::promise<void> inside, finish;
+    auto running = DispatchWorkItem::make([token, &inside, &finish] {
+        inside.set_value();
+        finish.get_future().wait();
+    });
+    q.async(running);
+    inside.get_future().wait();
+    running->cancel();
+    EXPECT_FALSE(running->waitFor(0.01));
+    finish.set_value();
+    EXPECT_TRUE(running->waitFor(5));
+    EXPECT_EQ(token.use_count(), 1);
+}
+
 TEST(DispatchWorkItemTest, NotifyRunsAfterTheItemOnTheGivenQueue) {
     DispatchQueue q("test.workitem.run");
     DispatchQueue other("test.workitem.notify");
@@ -262,6 +310,21 @@ TEST(DispatchWorkItemTest, NotifyRunsAfterTheItemOnTheGivenQueue) {
     q.async(item);
     EXPECT_EQ(seen.get_future().get(), 1);
     EXPECT_TRUE(item->waitFor(1.0));
+}
+
+TEST(DispatchWorkItemTest, SyncAcceptsAnyWorkItemPointer) {
+    DispatchQueue serial("test.workitem.sync");
+    DispatchQueue concurrent("test.workitem.sync.concurrent",
+                             DispatchQueue::Attributes::concurrent);
+    int runs = 0;
+    std::shared_ptr<DispatchWorkItem> item = DispatchWorkItem::make([&] { ++runs; });
+    serial.sync(item);  // a non-const lvalue
+    concurrent.sync(item);
+    serial.sync(DispatchWorkItem::make([&] { ++runs; }));  // an rvalue
+    auto barrier = DispatchWorkItem::make([&] { ++runs; }, DispatchFlags::barrier);
+    concurrent.sync(barrier);
+    EXPECT_EQ(runs, 4);
+    EXPECT_TRUE(item->waitFor(0));
 }
 
 TEST(DispatchQueueGlobal, SameQueuePerQualityOfService) {

@@ -1,6 +1,7 @@
 #include "zdr/runtime/dispatch_source_timer.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
 
@@ -65,11 +66,22 @@ void fire(const std::weak_ptr<State>& weak, std::uint64_t generation) {
     if (s->interval) {
         // The next deadline keeps the original phase; firings missed while the
         // handler was slow are merged rather than replayed.
-        DispatchTime next = *s->deadline + *s->interval;
         DispatchTime now = dispatchNow();
-        if (next <= now) {
-            auto behind = (now - *s->deadline) / *s->interval;
-            next = *s->deadline + (behind + 1) * *s->interval;
+        DispatchTime next;
+        if (*s->deadline < now - *s->interval) {
+            // Behind by more than one interval: the next deadline in phase
+            // after now. The distance is taken in unsigned arithmetic because
+            // a deadline as early as DispatchTime::min() is more than the
+            // signed range away from now.
+            const auto period = static_cast<std::uint64_t>(s->interval->count());
+            const std::uint64_t behind =
+                static_cast<std::uint64_t>(now.time_since_epoch().count()) -
+                static_cast<std::uint64_t>(s->deadline->time_since_epoch().count());
+            next =
+                now + std::chrono::nanoseconds(static_cast<std::int64_t>(period - behind % period));
+        } else {
+            next = *s->deadline + *s->interval;
+            if (next <= now) next += *s->interval;
         }
         s->deadline = next;
         arm(s, next);

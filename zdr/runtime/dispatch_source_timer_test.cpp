@@ -116,6 +116,24 @@ TEST(DispatchSourceTimerTest, SlowHandlerFiringsAreMergedNotQueued) {
     EXPECT_LE(fired.load(), 6);
 }
 
+TEST(DispatchSourceTimerTest, EarliestPossibleDeadlineFiresAtOnceThenAtTheInterval) {
+    // The catch-up after a deadline far in the past must not overflow: the
+    // timer fires at once and then every interval, not in a burst.
+    DispatchQueue q("test.timer.min");
+    auto timer = DispatchSourceTimer::make(q);
+    std::atomic<int> fired{0};
+    timer->setEventHandler([&] { fired++; });
+    timer->schedule(DispatchTime::min(), 0.05);
+    timer->resume();
+    ASSERT_TRUE(eventually([&] { return fired.load() >= 1; }));
+    std::this_thread::sleep_for(250ms);
+    timer->cancel();
+    q.sync([] {});
+    // About six firings in 250 ms at 50 ms; anything near a burst is wrong.
+    EXPECT_GE(fired.load(), 2);
+    EXPECT_LE(fired.load(), 12);
+}
+
 TEST(DispatchSourceTimerTest, BadIntervalsMeanNoRepetition) {
     DispatchQueue q("test.timer.bad");
     auto timer = DispatchSourceTimer::make(q);

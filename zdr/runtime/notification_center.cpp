@@ -90,6 +90,11 @@ void NotificationCenter::post(const Notification& notification) {
             } catch (const std::exception& ex) {
                 std::fprintf(stderr, "zdr: observer of %s threw: %s\n", notification.name.c_str(),
                              ex.what());
+            } catch (...) {
+                // Whatever an observer throws stays with it: the poster and
+                // the observers after it must not see it.
+                std::fprintf(stderr, "zdr: observer of %s threw a non-standard exception\n",
+                             notification.name.c_str());
             }
         }
     }

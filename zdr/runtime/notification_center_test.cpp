@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <stdexcept>
 #include <thread>
 
 namespace zdr {
@@ -28,6 +29,24 @@ TEST(NotificationCenterTest, DeliversByNameAndSenderWithUserInfo) {
     EXPECT_EQ(bySender, 1);
     EXPECT_EQ(all, 3);
     EXPECT_EQ(seenKey, "");  // the second post had no user info
+}
+
+TEST(NotificationCenterTest, AThrowingObserverNeitherEscapesPostNorSkipsTheOthers) {
+    auto center = NotificationCenter::make();
+    int before = 0, after = 0;
+    auto t1 =
+        center->addObserver("n", nullptr, std::nullopt, [&](const Notification&) { before++; });
+    auto t2 =
+        center->addObserver("n", nullptr, std::nullopt, [](const Notification&) { throw 42; });
+    auto t3 = center->addObserver("n", nullptr, std::nullopt, [](const Notification&) {
+        throw std::runtime_error("observer");
+    });
+    auto t4 =
+        center->addObserver("n", nullptr, std::nullopt, [&](const Notification&) { after++; });
+    EXPECT_NO_THROW(center->post("n"));
+    EXPECT_NO_THROW(center->post("n"));
+    EXPECT_EQ(before, 2);
+    EXPECT_EQ(after, 2);
 }
 
 TEST(NotificationCenterTest, SynchronousDeliveryOnThePostingThread) {

@@ -1,5 +1,6 @@
 #include "zdr/runtime/detail/thread_pool.h"
 
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -17,7 +18,7 @@ namespace {
 // The kernel's scheduling state of one of our threads: 'R' running or runnable,
 // 'S'/'D' blocked. This is how the pool tells a blocked worker from a busy one
 // without help from the kernel's scheduler.
-char threadState(int tid) {
+char procThreadState(int tid) {
     std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
     std::string line;
     if (!std::getline(stat, line)) return '?';
@@ -25,6 +26,25 @@ char threadState(int tid) {
     if (close == std::string::npos || close + 2 >= line.size()) return '?';
     return line[close + 2];
 }
+
+// Far beyond what a process blocks at once in practice, but kept under the
+// user's process limit so that the pool never fails to start the thread that
+// would unblock the others for want of a slot.
+std::size_t defaultHardLimit() {
+    std::size_t limit = 1024;
+    rlimit nproc{};
+    if (::getrlimit(RLIMIT_NPROC, &nproc) == 0 && nproc.rlim_cur != RLIM_INFINITY) {
+        limit = std::min<std::size_t>(limit, std::max<rlim_t>(64, nproc.rlim_cur / 2));
+    }
+    return limit;
+}
+
+std::size_t levelOf(DispatchQoS qos) {
+    return qos == DispatchQoS::unspecified ? static_cast<std::size_t>(DispatchQoS::defaultQoS)
+                                           : static_cast<std::size_t>(qos);
+}
+
+thread_local DispatchQoS tlsJobQoS = DispatchQoS::defaultQoS;
 
 }  // namespace
 
@@ -35,17 +55,22 @@ ThreadPool& ThreadPool::shared() {
     return *pool;
 }
 
-ThreadPool::ThreadPool() {
-    softLimit_ = std::max<std::size_t>(2, std::thread::hardware_concurrency());
-}
+ThreadPool::ThreadPool(Options options)
+    : softLimit_(options.softLimit ? options.softLimit
+                                   : std::max<std::size_t>(2, std::thread::hardware_concurrency())),
+      hardLimit_(options.hardLimit ? options.hardLimit : defaultHardLimit()),
+      threadState_(options.threadState ? std::move(options.threadState) : procThreadState) {}
 
-void ThreadPool::submit(std::function<void()> job) {
+DispatchQoS ThreadPool::currentQoS() { return tlsJobQoS; }
+
+void ThreadPool::submit(std::function<void()> job, DispatchQoS qos) {
     std::lock_guard lock(mutex_);
-    jobs_.push_back(std::move(job));
+    jobs_[levelOf(qos)].push_back(std::move(job));
+    ++queued_;
     // Compare with the queued jobs, not just "any idle": an idle worker that
     // was already woken for an earlier job has not decremented idle_ yet, and
     // counting it twice would leave this job waiting with nobody woken.
-    if (idle_ >= jobs_.size()) {
+    if (idle_ >= queued_) {
         workAvailable_.notify_one();
     } else if (threads_ < softLimit_) {
         spawnLocked();
@@ -77,17 +102,20 @@ void ThreadPool::workerLoop(std::size_t slot) {
     std::unique_lock lock(mutex_);
     workerTids_[slot] = static_cast<int>(::syscall(SYS_gettid));
     for (;;) {
-        if (jobs_.empty()) {
+        if (queued_ == 0) {
             ++idle_;
-            bool woke =
-                workAvailable_.wait_for(lock, idleTimeout_, [this] { return !jobs_.empty(); });
+            bool woke = workAvailable_.wait_for(lock, idleTimeout_, [this] { return queued_ > 0; });
             --idle_;
             if (!woke) break;
         }
-        auto job = std::move(jobs_.front());
-        jobs_.pop_front();
+        std::size_t level = 0;
+        while (jobs_[level].empty()) ++level;
+        auto job = std::move(jobs_[level].front());
+        jobs_[level].pop_front();
+        --queued_;
         ++started_;
         lock.unlock();
+        tlsJobQoS = static_cast<DispatchQoS>(level);
         try {
             job();
         } catch (const std::exception& e) {
@@ -96,19 +124,20 @@ void ThreadPool::workerLoop(std::size_t slot) {
             std::fprintf(stderr, "zdr: unknown exception escaped asynchronous work\n");
         }
         job = nullptr;  // release captures outside the lock
+        tlsJobQoS = DispatchQoS::defaultQoS;
         lock.lock();
     }
     workerTids_[slot] = 0;
     --threads_;
     // A job may have arrived between the timeout and now with nobody to take it.
-    if (jobs_.size() > idle_) spawnLocked();
+    if (queued_ > idle_) spawnLocked();
 }
 
-std::size_t ThreadPool::runningWorkersLocked() const {
+std::size_t ThreadPool::countRunning(const std::vector<int>& tids) const {
     std::size_t running = 0;
-    for (int tid : workerTids_) {
+    for (int tid : tids) {
         if (tid > 0) {
-            char s = threadState(tid);
+            char s = threadState_(tid);
             if (s == 'R' || s == '?') ++running;
         } else if (tid == -1) {
             ++running;  // just starting
@@ -119,14 +148,24 @@ std::size_t ThreadPool::runningWorkersLocked() const {
 
 void ThreadPool::watchdogLoop() {
     std::unique_lock lock(mutex_);
+    std::vector<int> tids;
     for (;;) {
-        watchdogWake_.wait(lock, [this] { return jobs_.size() > idle_; });
+        watchdogWake_.wait(lock, [this] { return queued_ > idle_; });
         std::uint64_t mark = started_;
         watchdogWake_.wait_for(lock, std::chrono::milliseconds(3));
-        if (jobs_.size() <= idle_ || started_ != mark) continue;
+        if (queued_ <= idle_ || started_ != mark || threads_ >= hardLimit_) continue;
         // Work is waiting and no worker picked anything up: if fewer workers
-        // than cores are actually running, the rest are blocked, so add one.
-        if (threads_ < hardLimit_ && runningWorkersLocked() < softLimit_) spawnLocked();
+        // than cores are actually running, the rest are blocked, so add
+        // threads. The states are read without the lock (one file per
+        // worker), so submit() and the workers go on meanwhile.
+        tids = workerTids_;
+        lock.unlock();
+        const std::size_t running = countRunning(tids);
+        lock.lock();
+        if (running >= softLimit_) continue;
+        std::size_t add = std::min(softLimit_ - running, queued_ > idle_ ? queued_ - idle_ : 0);
+        add = std::min(add, hardLimit_ > threads_ ? hardLimit_ - threads_ : 0);
+        for (std::size_t i = 0; i < add; ++i) spawnLocked();
     }
 }
 

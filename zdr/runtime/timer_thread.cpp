@@ -11,14 +11,32 @@ TimerThread& TimerThread::shared() {
     return *t;
 }
 
-void TimerThread::schedule(DispatchTime deadline, std::function<void()> callback) {
+TimerThread::Handle TimerThread::schedule(DispatchTime deadline, std::function<void()> callback) {
     std::lock_guard lock(mutex_);
-    entries_.push(Entry{deadline, sequence_++, std::move(callback)});
+    Handle handle{deadline, sequence_++};
+    const bool earliest = entries_.empty() || handle < entries_.begin()->first;
+    entries_.emplace(handle, std::move(callback));
     if (!started_) {
         started_ = true;
         std::thread([this] { loop(); }).detach();
     }
-    wake_.notify_one();
+    if (earliest) wake_.notify_one();
+    return handle;
+}
+
+bool TimerThread::cancel(const Handle& handle) {
+    std::function<void()> callback;  // released outside the lock
+    std::lock_guard lock(mutex_);
+    auto it = entries_.find(handle);
+    if (it == entries_.end()) return false;
+    callback = std::move(it->second);
+    entries_.erase(it);
+    return true;
+}
+
+std::size_t TimerThread::pendingCount() {
+    std::lock_guard lock(mutex_);
+    return entries_.size();
 }
 
 void TimerThread::loop() {
@@ -28,18 +46,22 @@ void TimerThread::loop() {
             wake_.wait(lock);
             continue;
         }
-        auto deadline = entries_.top().deadline;
+        auto first = entries_.begin();
+        auto deadline = first->first.first;
         if (dispatchNow() < deadline) {
             wake_.wait_until(lock, deadline);
             continue;
         }
-        auto callback = std::move(const_cast<Entry&>(entries_.top()).callback);
-        entries_.pop();
+        auto callback = std::move(first->second);
+        entries_.erase(first);
         lock.unlock();
         try {
             callback();
         } catch (const std::exception& e) {
             std::fprintf(stderr, "zdr: exception escaped a timer callback: %s\n", e.what());
+        } catch (...) {
+            // An exception leaving this thread would end the process.
+            std::fprintf(stderr, "zdr: unknown exception escaped a timer callback\n");
         }
         callback = nullptr;
         lock.lock();

@@ -6,7 +6,9 @@
 // the new one, so a steady stream of calls closer together than the delay
 // postpones execution indefinitely; there is no leading edge and no maximum
 // wait. Even with a delay of 0 the action runs asynchronously, never inside the
-// call. Non-finite or negative delays count as 0.
+// call. Non-finite or negative delays count as 0. A superseded action is
+// released at once and leaves nothing behind in the queue or the timers, so a
+// long delay and a fast stream of calls hold one action, not one per call.
 //
 // Debouncer is the object form with a name (for identification only), a delay
 // and the queue its actions run on (the main queue unless another is given;

@@ -1,11 +1,14 @@
 #include "zdr/timing/debounce.h"
 
+#include "zdr/runtime/timer_thread.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -98,6 +101,44 @@ TEST(Debounce, NullActionCancelsThePendingOne) {
     std::this_thread::sleep_for(150ms);
     queue.sync([] {});
     EXPECT_FALSE(ran.load());
+}
+
+TEST(Debounce, SupersededActionsAreReleasedAtOnceAndLeaveNoTimerEntries) {
+    // Each action holds a reference to `token`; its use count tells how many
+    // actions are still alive somewhere (in a work item, a timer entry, a queue).
+    DispatchQueue queue("debounce.release");
+    Debounce debounce(60.0);
+    auto token = std::make_shared<int>(0);
+    auto& timers = detail::TimerThread::shared();
+    const std::size_t entriesBefore = timers.pendingCount();
+    for (int i = 0; i < 20000; ++i) debounce.run([token] { ++*token; }, queue);
+    EXPECT_EQ(token.use_count(), 2) << "only the latest action may be kept";
+    EXPECT_LE(timers.pendingCount(), entriesBefore + 1);
+    debounce.run(nullptr, queue);  // cancels the last one too
+    EXPECT_EQ(token.use_count(), 1);
+    EXPECT_LE(timers.pendingCount(), entriesBefore);
+    EXPECT_EQ(*token, 0);
+}
+
+TEST(Debouncer, ABurstOnTheMainQueueQueuesOnlyTheLastAction) {
+    for (double delay : {0.0, 0.02}) {
+        SCOPED_TRACE(delay);
+        while (DispatchQueue::main().drain() > 0) {
+        }
+        auto debouncer = Debouncer::debouncerWithName("burst", delay);
+        std::vector<int> ran;
+        for (int i = 0; i < 20000; ++i) debouncer->debounce([&ran, i] { ran.push_back(i); });
+        // Drain until the last action has run; count every main-queue item.
+        std::size_t items = 0;
+        const auto until = Clock::now() + 5s;
+        while (ran.empty() && Clock::now() < until) {
+            items += DispatchQueue::main().drain();
+            std::this_thread::sleep_for(1ms);
+        }
+        items += DispatchQueue::main().drain();
+        EXPECT_EQ(ran, std::vector<int>{19999});
+        EXPECT_LE(items, 3u);
+    }
 }
 
 TEST(Debouncer, FactoriesChooseMainOrGivenQueue) {

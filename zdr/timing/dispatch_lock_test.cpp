@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include <unistd.h>
+
 namespace zdr {
 namespace {
 
@@ -271,6 +273,71 @@ TEST(DispatchLockConcurrency, WritesNeverOverlapReadsOrWrites) {
         for (int i = 0; i < kRounds; ++i) expected += ((i + t) % 3 == 0);
     }
     EXPECT_EQ(lock.read([&] { return total; }), expected);
+}
+
+// A synchronous operation nested inside work of the same lock can only wait for
+// itself. Each of these must stop the program with the deadlock message; the
+// alarm turns a hang into a death with the wrong message, so a lock that hangs
+// fails the test instead of stalling it.
+TEST(DispatchLockDeathTest, NestedSynchronousOperationsStopInsteadOfHanging) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            ::alarm(10);
+            DispatchLock l("nested.read.in.syncwrite");
+            l.syncWrite([&] { return l.read([] { return 1; }); });
+        },
+        "would deadlock");
+    EXPECT_DEATH(
+        {
+            ::alarm(10);
+            DispatchLock l("nested.readandreturn.in.syncwrite");
+            l.syncWrite([&] { l.readAndReturn([] { return std::shared_ptr<void>(); }); });
+        },
+        "would deadlock");
+    EXPECT_DEATH(
+        {
+            ::alarm(10);
+            DispatchLock l("nested.read.in.asyncwrite");
+            l.asyncWrite([&] { l.read([] {}); });
+            l.syncWrite([] {});
+        },
+        "would deadlock");
+    EXPECT_DEATH(
+        {
+            ::alarm(10);
+            DispatchLock l("nested.syncwrite.in.syncwrite");
+            l.syncWrite([&] { l.syncWrite([] {}); });
+        },
+        "would deadlock");
+    EXPECT_DEATH(
+        {
+            ::alarm(10);
+            DispatchLock l("nested.syncwrite.in.read");
+            l.read([&] { l.syncWrite([] {}); });
+        },
+        "would deadlock");
+    // A read inside a read with a write queued between them: the inner read
+    // waits for the write, which waits for the outer read.
+    EXPECT_DEATH(
+        {
+            ::alarm(10);
+            DispatchLock l("nested.read.behind.write");
+            l.read([&] {
+                l.asyncWrite([] {});
+                l.read([] {});
+            });
+        },
+        "would deadlock");
+}
+
+TEST(DispatchLockNesting, ReadInsideAReadWithNothingQueuedRuns) {
+    DispatchLock lock("nested.read.free");
+    int value = 7;
+    EXPECT_EQ(lock.read([&] { return lock.read([&] { return value; }) + 1; }), 8);
+    // And the lock is usable afterwards: nothing was left counted in.
+    lock.syncWrite([&] { value = 9; });
+    EXPECT_EQ(lock.read([&] { return value; }), 9);
 }
 
 }  // namespace

@@ -23,6 +23,17 @@ struct TimerCore {
     // Threads currently inside the work, so that teardown can wait for them
     // (but not for itself when the work destroys its own timer).
     std::vector<std::thread::id> firingThreads;
+    // A 0 ms period: the source is armed once at a time and re-armed when the
+    // work has run, so firings follow each other as fast as the work allows
+    // without the source spinning on a nanosecond period or stacking firings
+    // on a concurrent queue.
+    bool rearmAfterFiring = false;
+    std::weak_ptr<DispatchSourceTimer> source;
+
+    // With `mutex` held.
+    void armOnceLocked() {
+        if (auto s = source.lock()) s->schedule(dispatchNow(), std::nullopt, 0.0);
+    }
 
     void fire() {
         std::function<void()> handler;
@@ -39,6 +50,9 @@ struct TimerCore {
                 auto& threads = core->firingThreads;
                 threads.erase(
                     std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
+                // The last firing out arms the next one (a firing of the old
+                // schedule may still be running when the period became 0).
+                if (core->alive && core->rearmAfterFiring && threads.empty()) core->armOnceLocked();
                 core->idle.notify_all();
             }
         } leave{this};
@@ -73,6 +87,7 @@ ZDRTimer2::ZDRTimer2(std::function<void()> work, float interval, bool strict,
     core_->eventHandler = std::move(work);
     // A new source is suspended, which is exactly the state the timer starts in.
     timerSource_ = DispatchSourceTimer::make(queue ? std::move(*queue) : DispatchQueue::global());
+    core_->source = timerSource_;
     std::weak_ptr<detail::TimerCore> weak = core_;
     timerSource_->setEventHandler([weak] {
         if (auto core = weak.lock()) core->fire();
@@ -121,7 +136,13 @@ void ZDRTimer2::setInterval(float interval) {
 
 void ZDRTimer2::setEventHandler(std::function<void()> work) {
     std::lock_guard<std::mutex> guard(core_->mutex);
+    const bool wasEmpty = !core_->eventHandler;
     core_->eventHandler = std::move(work);
+    // A firing without work does not re-arm a 0 ms timer; new work does.
+    if (wasEmpty && core_->eventHandler && core_->rearmAfterFiring &&
+        core_->firingThreads.empty()) {
+        core_->armOnceLocked();
+    }
 }
 
 void ZDRTimer2::cleanUp(std::function<void()> /*done*/) {
@@ -144,15 +165,11 @@ std::int64_t ZDRTimer2::millisecondsForInterval(float interval) {
 void ZDRTimer2::reschedule() {
     const std::int64_t milliseconds = millisecondsForInterval(interval_);
     std::optional<double> repeating;
-    if (milliseconds > 0) {
-        repeating = static_cast<double>(milliseconds) / 1000.0;
-    } else if (milliseconds == 0) {
-        // A 0 ms period means "as often as possible", as on the platform
-        // dispatch timers: the smallest period the source knows. Firings
-        // merge while one is queued, so the work is never queued twice.
-        repeating = 1e-9;
-    }
-    // Negative: no repetition, one firing per start.
+    if (milliseconds > 0) repeating = static_cast<double>(milliseconds) / 1000.0;
+    // 0: one firing now, and each firing arms the next when its work has run
+    // (see TimerCore). Negative: no repetition, one firing per start.
+    std::lock_guard<std::mutex> guard(core_->mutex);
+    core_->rearmAfterFiring = milliseconds == 0;
     timerSource_->schedule(dispatchNow(), repeating, 0.0);
 }
 

@@ -4,8 +4,9 @@
 // start() and stop() may be called any number of times in any order: the timer
 // has two states, and only a change of state touches the underlying timer
 // source. The interval is used in whole milliseconds (truncated); below 1 ms
-// the timer repeats as fast as the work allows (a 0 ms period), and a negative
-// interval fires once per start. An interval whose millisecond count is not
+// the timer repeats with a 0 ms period, which means each firing comes as soon
+// as the previous one's work has run (never two at once, even on a concurrent
+// queue), and a negative interval fires once per start. An interval whose millisecond count is not
 // finite or does not fit a signed 64-bit integer stops the program. Setting the
 // interval reschedules with a deadline of now: a running timer fires at once,
 // a stopped one fires at once when started.

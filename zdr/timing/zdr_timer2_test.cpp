@@ -4,9 +4,13 @@
 
 #include "zdr/testing/eventually.h"
 
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <memory>
 #include <thread>
 
@@ -110,6 +114,60 @@ TEST(ZDRTimer2Firing, SubMillisecondIntervalRepeatsWithoutPause) {
     timer.start();
     ASSERT_TRUE(waitUntil([&] { return fired.load() >= 50; }, 3000ms));
     timer.stop();
+}
+
+// CPU time this process has used, user and system, in seconds.
+double processCpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+std::size_t processThreadCount() {
+    std::size_t n = 0;
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator("/proc/self/task"))
+        ++n;
+    return n;
+}
+
+TEST(ZDRTimer2Firing, ZeroPeriodFiresAfterThePreviousFiringWithoutSpinningOrPilingUp) {
+    // Below 1 ms the next firing comes as soon as the previous one has run:
+    // never two at once, never a thread per firing, and no core spent waiting.
+    for (auto queue : {DispatchQueue("timer.zero.serial"), DispatchQueue::global()}) {
+        SCOPED_TRACE(queue.label());
+        std::atomic<int> inside{0}, maxInside{0}, fired{0};
+        ZDRTimer2 timer(
+            [&] {
+                const int now = ++inside;
+                int seen = maxInside.load();
+                while (now > seen && !maxInside.compare_exchange_weak(seen, now)) {
+                }
+                std::this_thread::sleep_for(2ms);
+                --inside;
+                ++fired;
+            },
+            0.0005f, false, queue);
+        const std::size_t threadsBefore = processThreadCount();
+        std::size_t threadsMax = threadsBefore;
+        const double cpuBefore = processCpuSeconds();
+        const auto wallBefore = Clock::now();
+        timer.start();
+        while (Clock::now() - wallBefore < 400ms) {
+            std::this_thread::sleep_for(10ms);
+            threadsMax = std::max(threadsMax, processThreadCount());
+        }
+        timer.stop();
+        const double cpu = processCpuSeconds() - cpuBefore;
+        const double wall = std::chrono::duration<double>(Clock::now() - wallBefore).count();
+        EXPECT_EQ(maxInside.load(), 1);
+        // About 200 firings of 2 ms fit in 400 ms; a slow machine still runs dozens.
+        EXPECT_GE(fired.load(), 20);
+        // The work sleeps: a timer that only waits for it uses a small part of a core.
+        EXPECT_LT(cpu / wall, 0.5) << cpu << " s of CPU in " << wall << " s";
+        EXPECT_LE(threadsMax, threadsBefore + 6);
+    }
 }
 
 TEST(ZDRTimer2Firing, RunsOnTheGivenQueueAndNegativeIntervalFiresOncePerStart) {
