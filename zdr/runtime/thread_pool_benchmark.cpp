@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "zdr/runtime/thread_pool.h"
+#include "zdr/runtime/detail/thread_pool.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "zdr/runtime/timer_thread.h"
+#include "zdr/runtime/detail/timer_thread.h"
 
 #include <gtest/gtest.h>
 

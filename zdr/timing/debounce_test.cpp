@@ -1,6 +1,6 @@
 #include "zdr/timing/debounce.h"
 
-#include "zdr/runtime/timer_thread.h"
+#include "zdr/runtime/detail/timer_thread.h"
 
 #include <gtest/gtest.h>
 
