@@ -15,7 +15,7 @@
 #include "zdr/logging/os_log_destination.h"
 #include "zdr/logging/shared2.h"
 #include "zdr/runtime/bundle.h"
-#include "zdr/timing/timing_log.h"
+#include "zdr/runtime/layer_log.h"
 
 extern "C" {
 const char* const kLoggingAudio = "audio";
@@ -143,10 +143,12 @@ CategorySwitch& categorySwitch(const std::string& id) {
 // ---- The facade ----
 
 namespace {
-// The timing layer sits below logging and writes its lines through this.
-void writeTimingLine(int level, std::string_view message, std::string_view function,
-                     std::string_view file, long line) {
-    Shared2::timing()->logln(message, logLevelFromInteger(level), function, file, line);
+// The runtime and timing layers sit below logging and write their lines
+// through this, each to its category logger.
+void writeLayerLine(std::string_view category, int level, std::string_view message,
+                    std::string_view function, std::string_view file, long line) {
+    auto logger = category == "timing" ? Shared2::timing() : Shared2::general();
+    logger->logln(message, logLevelFromInteger(level), function, file, line);
 }
 }  // namespace
 
@@ -159,7 +161,7 @@ std::shared_ptr<Logging> Logging::shared() {
             path = suggestedLogFilePath(*name, std::chrono::system_clock::now(), homeDirectory());
         }
         auto facade = std::make_shared<Logging>();
-        setTimingLogWriter(&writeTimingLine);
+        setLayerLogWriter(&writeLayerLine);
         {
             std::lock_guard lock(state.mutex);
             state.writeToFileNamed = std::move(path);

@@ -11,6 +11,8 @@
 #include "zdr/logging/os_log_destination.h"
 #include "zdr/logging/shared2.h"
 #include "zdr/logging/testing/test_environment.h"
+#include "zdr/runtime/notification_center.h"
+#include "zdr/timing/timing_log.h"
 
 namespace zdr {
 namespace {
@@ -217,6 +219,31 @@ TEST(Shared2, EnablingDeallocingByPropertyNameDoesNothing) {
     settle();
     EXPECT_TRUE(Shared2::deallocing()->shouldLog(LogLevel::error));
     Logging::shared()->loggingEnabled("dealloc", false);
+    settle();
+}
+
+TEST(LayerLog, RuntimeReportsReachTheirCategoryOnlyOnceSwitchedOn) {
+    (void)Logging::shared();  // installs the writer the runtime reports through
+    auto post = [] {
+        auto center = NotificationCenter::make();
+        auto token = center->addObserver("LayerLogTest", nullptr, std::nullopt,
+                                         [](const Notification&) { throw 42; });
+        center->post("LayerLogTest", nullptr);
+    };
+    post();
+    settle();
+    EXPECT_TRUE(entriesFor("general").empty()) << "silent while the category is off";
+
+    switchedOn("general");
+    post();
+    detail::timingLog(2, "a timing line", "TestBody", __FILE__, __LINE__);
+    settle();
+    auto general = entriesFor("general");
+    ASSERT_EQ(general.size(), 1u);
+    EXPECT_NE(general[0]["MESSAGE"].find("An observer of LayerLogTest threw"), std::string::npos)
+        << general[0]["MESSAGE"];
+    EXPECT_TRUE(entriesFor("timing").empty()) << "timing lines go to their own category";
+    Logging::shared()->loggingEnabled("general", false);
     settle();
 }
 

@@ -1,4 +1,5 @@
 #include "zdr/runtime/dispatch_queue.h"
+#include "zdr/runtime/layer_log.h"
 
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -96,10 +97,13 @@ void runGuarded(const std::function<void()>& fn, const std::string& label) {
     try {
         fn();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "zdr: exception escaped work on queue '%s': %s\n", label.c_str(),
-                     e.what());
+        detail::layerLog("general", 1, "Work on queue '" + label + "' threw: " + e.what(), __func__,
+                         __FILE__, __LINE__);
     } catch (...) {
-        std::fprintf(stderr, "zdr: unknown exception escaped work on queue '%s'\n", label.c_str());
+        detail::layerLog(
+            "general", 1,
+            "Work on queue '" + label + "' threw something that is not a std::exception", __func__,
+            __FILE__, __LINE__);
     }
 }
 

@@ -1,4 +1,5 @@
 #include "zdr/runtime/dispatch_source_timer.h"
+#include "zdr/runtime/layer_log.h"
 
 #include <cmath>
 #include <cstdint>
@@ -143,8 +144,9 @@ void DispatchSourceTimer::setCancelHandler(std::function<void()> handler) {
 void DispatchSourceTimer::resume() {
     std::unique_lock lock(state_->m);
     if (state_->suspendCount == 0) {
-        std::fprintf(stderr,
-                     "zdr: DispatchSourceTimer::resume without a matching suspend; ignored\n");
+        detail::layerLog("timing", 2,
+                         "DispatchSourceTimer::resume without a matching suspend; ignored",
+                         __func__, __FILE__, __LINE__);
         return;
     }
     if (--state_->suspendCount > 0 || state_->cancelled || !state_->deadline) return;

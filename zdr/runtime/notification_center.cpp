@@ -1,4 +1,5 @@
 #include "zdr/runtime/notification_center.h"
+#include "zdr/runtime/layer_log.h"
 
 #include <algorithm>
 #include <atomic>
@@ -88,13 +89,16 @@ void NotificationCenter::post(const Notification& notification) {
             try {
                 e->block(notification);
             } catch (const std::exception& ex) {
-                std::fprintf(stderr, "zdr: observer of %s threw: %s\n", notification.name.c_str(),
-                             ex.what());
+                detail::layerLog("general", 1,
+                                 "An observer of " + notification.name + " threw: " + ex.what(),
+                                 __func__, __FILE__, __LINE__);
             } catch (...) {
                 // Whatever an observer throws stays with it: the poster and
                 // the observers after it must not see it.
-                std::fprintf(stderr, "zdr: observer of %s threw a non-standard exception\n",
-                             notification.name.c_str());
+                detail::layerLog("general", 1,
+                                 "An observer of " + notification.name +
+                                     " threw something that is not a std::exception",
+                                 __func__, __FILE__, __LINE__);
             }
         }
     }

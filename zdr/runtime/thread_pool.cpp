@@ -1,4 +1,5 @@
 #include "zdr/runtime/detail/thread_pool.h"
+#include "zdr/runtime/layer_log.h"
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -94,7 +95,8 @@ void ThreadPool::spawnLocked() {
     } catch (const std::exception& e) {
         --threads_;
         workerTids_[slot] = 0;
-        std::fprintf(stderr, "zdr: could not start a worker thread: %s\n", e.what());
+        detail::layerLog("general", 1, std::string("Could not start a worker thread: ") + e.what(),
+                         __func__, __FILE__, __LINE__);
     }
 }
 
@@ -119,9 +121,12 @@ void ThreadPool::workerLoop(std::size_t slot) {
         try {
             job();
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "zdr: exception escaped asynchronous work: %s\n", e.what());
+            detail::layerLog("general", 1, std::string("Asynchronous work threw: ") + e.what(),
+                             __func__, __FILE__, __LINE__);
         } catch (...) {
-            std::fprintf(stderr, "zdr: unknown exception escaped asynchronous work\n");
+            detail::layerLog("general", 1,
+                             "Asynchronous work threw something that is not a std::exception",
+                             __func__, __FILE__, __LINE__);
         }
         job = nullptr;  // release captures outside the lock
         tlsJobQoS = DispatchQoS::defaultQoS;

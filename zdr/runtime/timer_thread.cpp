@@ -1,4 +1,5 @@
 #include "zdr/runtime/detail/timer_thread.h"
+#include "zdr/runtime/layer_log.h"
 
 #include <cstdio>
 #include <exception>
@@ -58,10 +59,13 @@ void TimerThread::loop() {
         try {
             callback();
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "zdr: exception escaped a timer callback: %s\n", e.what());
+            detail::layerLog("timing", 1, std::string("A timer callback threw: ") + e.what(),
+                             __func__, __FILE__, __LINE__);
         } catch (...) {
             // An exception leaving this thread would end the process.
-            std::fprintf(stderr, "zdr: unknown exception escaped a timer callback\n");
+            detail::layerLog("timing", 1,
+                             "A timer callback threw something that is not a std::exception",
+                             __func__, __FILE__, __LINE__);
         }
         callback = nullptr;
         lock.lock();

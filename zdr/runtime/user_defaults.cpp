@@ -1,4 +1,5 @@
 #include "zdr/runtime/user_defaults.h"
+#include "zdr/runtime/layer_log.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -30,8 +31,7 @@ using nlohmann::json;
 namespace {
 
 void report(const std::string& message) {
-    std::fprintf(stderr, "UserDefaults: %s\n", message.c_str());
-    std::fflush(stderr);
+    detail::layerLog("general", 1, "UserDefaults: " + message, "UserDefaults", __FILE__, __LINE__);
 }
 
 std::string errnoText(int err) { return std::strerror(err); }

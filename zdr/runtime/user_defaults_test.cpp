@@ -1,4 +1,5 @@
 #include "zdr/runtime/user_defaults.h"
+#include "zdr/runtime/layer_log.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,6 +7,10 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cstdio>
+#include <mutex>
+#include <string_view>
+#include <utility>
 
 #include <csignal>
 #include <cstdlib>
@@ -17,6 +22,38 @@
 #include "zdr/runtime/bundle.h"
 
 namespace zdr {
+namespace {
+// The store reports through the layer log; these tests read what it wrote.
+std::mutex gLayerLogMutex;
+std::string gLayerLog;
+
+void appendLayerLine(std::string_view, int, std::string_view message, std::string_view,
+                     std::string_view, long) {
+    std::lock_guard lock(gLayerLogMutex);
+    gLayerLog.append(message).append("\n");
+}
+
+void startLayerLogCapture() {
+    {
+        std::lock_guard lock(gLayerLogMutex);
+        gLayerLog.clear();
+    }
+    zdr::setLayerLogWriter(&appendLayerLine);
+}
+
+// For a death test's child, whose standard error the parent reads.
+void writeLayerLineToStderr(std::string_view, int, std::string_view message, std::string_view,
+                            std::string_view, long) {
+    std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
+}
+
+std::string capturedLayerLog() {
+    zdr::setLayerLogWriter(nullptr);
+    std::lock_guard lock(gLayerLogMutex);
+    return std::exchange(gLayerLog, {});
+}
+}  // namespace
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -142,9 +179,9 @@ TEST_F(UserDefaultsTest, CorruptOrNonObjectFilesAreMovedAsideAndTheStoreStartsEm
         SCOPED_TRACE(content);
         for (const auto& p : filesIn(dir_)) fs::remove_all(p);
         spit(file_, content);
-        ::testing::internal::CaptureStderr();
+        startLayerLogCapture();
         auto d = open(file_);
-        std::string err = ::testing::internal::GetCapturedStderr();
+        std::string err = capturedLayerLog();
         EXPECT_THAT(err, HasSubstr(file_.string()));
         EXPECT_THAT(err, HasSubstr("moved it aside"));
         EXPECT_EQ(d->dictionaryRepresentation(), json::object());
@@ -163,9 +200,9 @@ TEST_F(UserDefaultsTest, CorruptOrNonObjectFilesAreMovedAsideAndTheStoreStartsEm
     // A file that cannot be read as a file at all (here a folder) is moved aside too.
     for (const auto& p : filesIn(dir_)) fs::remove_all(p);
     fs::create_directory(file_);
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     auto d = open(file_);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("is not a regular file"));
+    EXPECT_THAT(capturedLayerLog(), HasSubstr("is not a regular file"));
     d->setInteger(5, "n");
     EXPECT_TRUE(d->synchronize());
     EXPECT_EQ(open(file_)->integerForKey("n"), 5);
@@ -188,9 +225,9 @@ TEST_F(UserDefaultsTest, WrongTypesAnswerTheGettersDefaultAndNumbersConvert) {
     EXPECT_DOUBLE_EQ(d->doubleForKey("one"), 1.0);
     EXPECT_TRUE(d->boolForKey("f"));
 
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     d->setDouble(std::numeric_limits<double>::quiet_NaN(), "f");
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("non-finite"));
+    EXPECT_THAT(capturedLayerLog(), HasSubstr("non-finite"));
     EXPECT_DOUBLE_EQ(d->doubleForKey("f"), 2.9);
 
     d->setString(std::string("bad \xff utf8"), "raw");  // saved, not thrown on
@@ -201,9 +238,9 @@ TEST_F(UserDefaultsTest, UnwritablePathFailsCleanlyAndKeepsValuesInMemory) {
     spit(dir_ / "plain-file", "x");
     auto d = open(dir_ / "plain-file" / "sub" / "defaults.json");
     d->setInteger(7, "n");
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     EXPECT_FALSE(d->synchronize());
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("could not save"));
+    EXPECT_THAT(capturedLayerLog(), HasSubstr("could not save"));
     EXPECT_EQ(d->integerForKey("n"), 7);
     EXPECT_TRUE(d->hasUnsavedChanges());
     EXPECT_EQ(slurp(dir_ / "plain-file"), "x");
@@ -227,11 +264,11 @@ TEST_F(UserDefaultsTest, FailingWriteLeavesThePreviousFileIntact) {
     struct rlimit small = old;
     small.rlim_cur = 4096;
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     const bool saved = d->synchronize();
     ::setrlimit(RLIMIT_FSIZE, &old);
     std::signal(SIGXFSZ, oldHandler);
-    std::string err = ::testing::internal::GetCapturedStderr();
+    std::string err = capturedLayerLog();
 
     EXPECT_FALSE(saved);
     EXPECT_THAT(err, HasSubstr("the previous file is unchanged"));
@@ -311,9 +348,9 @@ TEST_F(UserDefaultsTest, FilesBeyondTheDepthOrSizeBoundAreCorruptAndMovedAside) 
         SCOPED_TRACE(c.why + " " + std::to_string(c.text.size()));
         for (const auto& p : filesIn(dir_)) fs::remove_all(p);
         spit(file_, c.text);
-        ::testing::internal::CaptureStderr();
+        startLayerLogCapture();
         auto d = open(file_);
-        std::string err = ::testing::internal::GetCapturedStderr();
+        std::string err = capturedLayerLog();
         EXPECT_THAT(err, HasSubstr(c.why));
         EXPECT_THAT(err, HasSubstr("moved it aside"));
         EXPECT_EQ(d->objectForKey("a"), std::nullopt);
@@ -339,10 +376,10 @@ TEST_F(UserDefaultsTest, FilesBeyondTheDepthOrSizeBoundAreCorruptAndMovedAside) 
 TEST_F(UserDefaultsTest, ValuesBeyondTheBoundsAreRefusedAndNeverSaved) {
     constexpr std::size_t kDepth = UserDefaults::kMaxNestingDepth;
     auto d = open(file_);
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     d->setObject(json::parse(nested(kDepth)), "deep");
     d->registerDefaults(json{{"deepDefault", json::parse(nested(kDepth))}, {"ok", 1}});
-    std::string err = ::testing::internal::GetCapturedStderr();
+    std::string err = capturedLayerLog();
     EXPECT_THAT(err, HasSubstr("setObject refused"));
     EXPECT_THAT(err, HasSubstr("registerDefaults refused \"deepDefault\""));
     EXPECT_EQ(d->objectForKey("deep"), std::nullopt);
@@ -356,9 +393,9 @@ TEST_F(UserDefaultsTest, ValuesBeyondTheBoundsAreRefusedAndNeverSaved) {
 
     // A save whose file would pass the size bound is refused; the file stays.
     d->setString(std::string(UserDefaults::kMaxFileSize, 'x'), "huge");
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     EXPECT_FALSE(d->synchronize());
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("more than the limit"));
+    EXPECT_THAT(capturedLayerLog(), HasSubstr("more than the limit"));
     EXPECT_EQ(slurp(file_), before);
     d->removeObjectForKey("huge");
     ASSERT_TRUE(d->synchronize());
@@ -396,7 +433,7 @@ TEST_F(UserDefaultsTest, AFileThatCannotBeReadNowIsLeftAloneAndReadAgainLater) {
     const std::string before = slurp(file_);
 
     std::unique_ptr<UserDefaults> d;
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     {
         DescriptorsExhausted exhausted;
         ASSERT_TRUE(exhausted.ok());
@@ -406,7 +443,7 @@ TEST_F(UserDefaultsTest, AFileThatCannotBeReadNowIsLeftAloneAndReadAgainLater) {
         d->setInteger(7, "new");
         EXPECT_FALSE(d->synchronize()) << "nothing may be written over a file never read";
     }
-    std::string err = ::testing::internal::GetCapturedStderr();
+    std::string err = capturedLayerLog();
     EXPECT_THAT(err, HasSubstr("answering the registered defaults"));
     EXPECT_THAT(err, ::testing::Not(HasSubstr("moved it aside")));
     EXPECT_TRUE(corruptCopies(dir_).empty());
@@ -440,9 +477,9 @@ TEST_F(UserDefaultsTest, SymbolicLinksAreNeverFollowed) {
     // (the link itself: its target stays as it was).
     spit(dir_ / "target.json", "{\"planted\": 1}");
     fs::create_symlink(dir_ / "target.json", file_);
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     auto d = open(file_);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("symbolic link"));
+    EXPECT_THAT(capturedLayerLog(), HasSubstr("symbolic link"));
     EXPECT_EQ(d->objectForKey("planted"), std::nullopt);
     d->setInteger(1, "mine");
     ASSERT_TRUE(d->synchronize());
@@ -453,14 +490,14 @@ TEST_F(UserDefaultsTest, SymbolicLinksAreNeverFollowed) {
     // A link at the lock path is never opened, so its target is never created.
     for (const auto& p : filesIn(dir_)) fs::remove_all(p);
     fs::create_symlink(dir_ / "victim", file_.string() + ".lock");
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     {
         auto e = open(file_);
         e->setInteger(1, "k");
         EXPECT_FALSE(e->synchronize());
         e->removeObjectForKey("k");
     }
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("lock file"));
+    EXPECT_THAT(capturedLayerLog(), HasSubstr("lock file"));
     EXPECT_FALSE(fs::exists(dir_ / "victim"));
 }
 
@@ -471,7 +508,7 @@ TEST_F(UserDefaultsTest, AFolderOthersCanChangeIsNeitherReadNorWritten) {
     spit(file, "{\"planted\": 1}");
     auto tryIt = [&](const char* expected) {
         SCOPED_TRACE(expected);
-        ::testing::internal::CaptureStderr();
+        startLayerLogCapture();
         {
             auto d = open(file);
             EXPECT_EQ(d->objectForKey("planted"), std::nullopt);
@@ -479,7 +516,7 @@ TEST_F(UserDefaultsTest, AFolderOthersCanChangeIsNeitherReadNorWritten) {
             EXPECT_FALSE(d->synchronize());
             d->removeObjectForKey("mine");
         }
-        EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr(expected));
+        EXPECT_THAT(capturedLayerLog(), HasSubstr(expected));
         EXPECT_EQ(slurp(file), "{\"planted\": 1}");
     };
     ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
@@ -502,9 +539,9 @@ TEST_F(UserDefaultsTest, AStoreWithoutAPathKeepsValuesInMemoryOnly) {
     d.setInteger(3, "n");
     EXPECT_EQ(d.integerForKey("n"), 3);
     EXPECT_FALSE(d.hasUnsavedChanges());
-    ::testing::internal::CaptureStderr();
+    startLayerLogCapture();
     EXPECT_FALSE(d.synchronize());
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("in memory only"));
+    EXPECT_THAT(capturedLayerLog(), HasSubstr("in memory only"));
     EXPECT_TRUE(filesIn(dir_).empty());
     if (!lockWasThere) {
         EXPECT_FALSE(fs::exists(".lock")) << "nothing in the working folder";
@@ -585,6 +622,7 @@ TEST(UserDefaultsPath, WithoutAHomeFolderSettingsStayInMemoryAndNeverGoToAShared
     const fs::path shared = fs::temp_directory_path() / id;
     EXPECT_EXIT(
         {
+            zdr::setLayerLogWriter(&writeLayerLineToStderr);
             // A user the password database does not know, with no variables.
             if (::setgid(54321) != 0 || ::setuid(54321) != 0) std::_Exit(10);
             ::unsetenv("XDG_CONFIG_HOME");
