@@ -2,7 +2,8 @@
 // sizes, screen frames and the fitting rules work in (points or pixels, as the
 // caller uses them). A rectangle is an origin and a size; a size may be
 // negative or not-a-number, exactly as the caller made it: nothing here
-// normalises it.
+// normalises it. A rectangle has one text form, "{{x, y}, {width, height}}",
+// used wherever one is shown or stored as text.
 //
 // Thread safety: value types.
 #pragma once
@@ -10,6 +11,7 @@
 #include <cmath>
 #include <cstddef>
 #include <functional>
+#include <string>
 
 namespace zdr {
 
@@ -48,6 +50,10 @@ struct Rect {
         return std::isnan(origin.x) || std::isnan(origin.y) || std::isnan(size.width) ||
                std::isnan(size.height);
     }
+    /// The standard text form, "{{x, y}, {width, height}}" ("{{0, 0}, {1920,
+    /// 1080}}"): each number as the shortest text that reads back the same,
+    /// with -0 written as 0.
+    std::string description() const;
 
     friend bool operator==(const Rect&, const Rect&) = default;
 };

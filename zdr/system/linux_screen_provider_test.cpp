@@ -85,7 +85,7 @@ TEST_F(X11ScreensTest, OneOutputWithoutEdid) {
     auto provider = std::make_shared<X11ScreenProvider>(server().displayName());
     const auto screens = provider->screens();
     ASSERT_EQ(screens.size(), 1u);
-    EXPECT_EQ(screens[0]->frame(), (ScreenRect{0, 0, 1280, 800}));
+    EXPECT_EQ(screens[0]->frame(), (Rect{0, 0, 1280, 800}));
     EXPECT_NE(screens[0]->displayID(), 0u);
     EXPECT_EQ(screens[0]->humanReadableDescription(),
               "screen 0, <unknown colorspace>, {{0, 0}, {1280, 800}}");
@@ -130,12 +130,12 @@ TEST_F(X11ScreensTest, MonitorsInOrderWithThePrimaryFirst) {
     auto provider = std::make_shared<X11ScreenProvider>(server().displayName());
     auto screens = provider->screens();
     ASSERT_EQ(screens.size(), 3u);
-    std::vector<ScreenRect> frames;
+    std::vector<Rect> frames;
     for (const auto& s : screens) frames.push_back(s->frame());
-    EXPECT_NE(std::find(frames.begin(), frames.end(), ScreenRect{640, 0, 640, 800}), frames.end());
+    EXPECT_NE(std::find(frames.begin(), frames.end(), Rect{640, 0, 640, 800}), frames.end());
     EXPECT_EQ(
         Screen::findScreenWithCGDisplayId(*provider, static_cast<std::uint32_t>(left))->frame(),
-        (ScreenRect{0, 0, 640, 800}));
+        (Rect{0, 0, 640, 800}));
     EXPECT_EQ(std::any_cast<std::string>(
                   Screen::findScreenWithCGDisplayId(*provider, static_cast<std::uint32_t>(right))
                       ->deviceDescription()
@@ -145,7 +145,7 @@ TEST_F(X11ScreensTest, MonitorsInOrderWithThePrimaryFirst) {
     x.makeOutputPrimary();
     screens = provider->screens();
     ASSERT_EQ(screens.size(), 3u);
-    EXPECT_EQ(screens[0]->frame(), (ScreenRect{0, 0, 1280, 800})) << "the primary comes first";
+    EXPECT_EQ(screens[0]->frame(), (Rect{0, 0, 1280, 800})) << "the primary comes first";
     EXPECT_EQ(screens[0]->humanReadableDescription().rfind("screen 0, ", 0), 0u);
     EXPECT_EQ(screens[2]->humanReadableDescription().rfind("screen 2, ", 0), 0u);
 }
@@ -163,8 +163,8 @@ TEST_F(TwoXScreensTest, EveryXScreenContributes) {
     auto provider = std::make_shared<X11ScreenProvider>(server().displayName());
     const auto screens = provider->screens();
     ASSERT_EQ(screens.size(), 2u);
-    EXPECT_EQ(screens[0]->frame(), (ScreenRect{0, 0, 1024, 768}));
-    EXPECT_EQ(screens[1]->frame(), (ScreenRect{0, 0, 800, 600}));
+    EXPECT_EQ(screens[0]->frame(), (Rect{0, 0, 1024, 768}));
+    EXPECT_EQ(screens[1]->frame(), (Rect{0, 0, 800, 600}));
     EXPECT_NE(screens[0]->displayID(), screens[1]->displayID());
 }
 
@@ -260,14 +260,14 @@ TEST_F(DrmScreensTest, ConnectedConnectorsWithTheirEdid) {
     ASSERT_EQ(screens.size(), 3u);
     // Name order: card0-HDMI-A-1, card0-eDP-1, card1-VGA-1.
     EXPECT_EQ(screens[0]->displayID(), 95u);
-    EXPECT_EQ(screens[0]->frame(), (ScreenRect{0, 0, 3840, 2160}));
+    EXPECT_EQ(screens[0]->frame(), (Rect{0, 0, 3840, 2160}));
     EXPECT_EQ(screens[0]->serialNumber(), 1234u);
     EXPECT_EQ(screens[0]->modelNumber(), 77u);
     EXPECT_EQ(std::any_cast<std::string>(screens[0]->deviceDescription().at(kZDRScreenOutputName)),
               "HDMI-A-1");
     EXPECT_EQ(screens[1]->colorSpaceName(), "sRGB");
     EXPECT_EQ(screens[2]->displayID(), 12u);
-    EXPECT_EQ(screens[2]->frame(), ScreenRect{});
+    EXPECT_EQ(screens[2]->frame(), Rect{});
     EXPECT_EQ(screens[2]->serialNumber(), 0u) << "a short EDID gives no numbers";
     EXPECT_EQ(screens[2]->colorSpaceName(), std::nullopt);
 }

@@ -1,7 +1,5 @@
 #include "zdr/system/screen_info.h"
 
-#include <fmt/format.h>
-
 #include <limits>
 
 #include "zdr/system/screen_provider.h"
@@ -17,10 +15,6 @@ constexpr ScreenInfoKeys kAllKeys[] = {ScreenInfoKeys::name,         ScreenInfoK
                                        ScreenInfoKeys::screenNumber, ScreenInfoKeys::modelNumber,
                                        ScreenInfoKeys::serialNumber, ScreenInfoKeys::vendorNumber};
 
-// "-0" reads oddly in a frame; every other value is written as the shortest
-// text that reads back the same.
-double tidy(double v) { return v == 0 ? 0.0 : v; }
-
 template <class T>
 const T* anyValue(const ScreenInfoDictionary& dict, ScreenInfoKeys key) {
     auto it = dict.find(key);
@@ -34,10 +28,6 @@ std::uint32_t numberOrZero(const ScreenInfoDictionary& dict, ScreenInfoKeys key)
 
 }  // namespace
 
-std::string ScreenRect::description() const {
-    return fmt::format("{{{{{}, {}}}, {{{}, {}}}}}", tidy(x), tidy(y), tidy(width), tidy(height));
-}
-
 const char* rawValue(ScreenInfoKeys key) { return kRawValues[static_cast<int>(key)]; }
 
 std::optional<ScreenInfoKeys> screenInfoKeyFromRawValue(const std::string& raw) {
@@ -47,7 +37,7 @@ std::optional<ScreenInfoKeys> screenInfoKeyFromRawValue(const std::string& raw) 
     return std::nullopt;
 }
 
-ScreenInfo::ScreenInfo(std::string name_, ScreenRect frame_, std::uint32_t screenNumber_,
+ScreenInfo::ScreenInfo(std::string name_, Rect frame_, std::uint32_t screenNumber_,
                        std::uint32_t modelNumber_, std::uint32_t serialNumber_,
                        std::uint32_t vendorNumber_)
     : name(std::move(name_)),
@@ -67,7 +57,7 @@ ScreenInfo::ScreenInfo(const Screen& screen)
 
 ScreenInfo::ScreenInfo(const ScreenInfoDictionary& dict) {
     if (const auto* v = anyValue<std::string>(dict, ScreenInfoKeys::name)) name = *v;
-    if (const auto* v = anyValue<ScreenRect>(dict, ScreenInfoKeys::frame)) frame = *v;
+    if (const auto* v = anyValue<Rect>(dict, ScreenInfoKeys::frame)) frame = *v;
     screenNumber = numberOrZero(dict, ScreenInfoKeys::screenNumber);
     modelNumber = numberOrZero(dict, ScreenInfoKeys::modelNumber);
     serialNumber = numberOrZero(dict, ScreenInfoKeys::serialNumber);
@@ -76,7 +66,7 @@ ScreenInfo::ScreenInfo(const ScreenInfoDictionary& dict) {
 
 nlohmann::json ScreenInfo::toJSON() const {
     return nlohmann::json{{"name", name},
-                          {"frame", {{frame.x, frame.y}, {frame.width, frame.height}}},
+                          {"frame", {{frame.x(), frame.y()}, {frame.width(), frame.height()}}},
                           {"screenNumber", screenNumber},
                           {"modelNumber", modelNumber},
                           {"serialNumber", serialNumber},
@@ -117,8 +107,8 @@ std::optional<ScreenInfo> ScreenInfo::fromJSON(const nlohmann::json& json, std::
     return info;
 }
 
-Screen::Screen(Dictionary deviceDescription, ScreenRect frame,
-               std::optional<std::string> colorSpaceName, std::weak_ptr<ScreenProvider> provider)
+Screen::Screen(Dictionary deviceDescription, Rect frame, std::optional<std::string> colorSpaceName,
+               std::weak_ptr<ScreenProvider> provider)
     : deviceDescription_(std::move(deviceDescription)),
       frame_(frame),
       colorSpaceName_(std::move(colorSpaceName)),

@@ -31,18 +31,11 @@
 #include <nlohmann/json.hpp>
 
 #include "zdr/runtime/dictionary.h"
+#include "zdr/system/geometry_types.h"
 
 namespace zdr {
 
 class ScreenProvider;
-
-/// A rectangle: origin and size, in the desktop's points.
-struct ScreenRect {
-    double x = 0, y = 0, width = 0, height = 0;
-    bool operator==(const ScreenRect&) const = default;
-    /// The standard text form, "{{x, y}, {width, height}}" ("{{0, 0}, {1920, 1080}}").
-    std::string description() const;
-};
 
 /// The device-description key of the display ID.
 inline constexpr const char* kNSScreenNumber = "NSScreenNumber";
@@ -61,20 +54,20 @@ class Screen;
 
 struct ScreenInfo {
     std::string name;
-    ScreenRect frame;
+    Rect frame;
     std::uint32_t screenNumber = 0;
     std::uint32_t modelNumber = 0;
     std::uint32_t serialNumber = 0;
     std::uint32_t vendorNumber = 0;
 
     ScreenInfo() = default;
-    ScreenInfo(std::string name, ScreenRect frame, std::uint32_t screenNumber,
-               std::uint32_t modelNumber, std::uint32_t serialNumber, std::uint32_t vendorNumber);
+    ScreenInfo(std::string name, Rect frame, std::uint32_t screenNumber, std::uint32_t modelNumber,
+               std::uint32_t serialNumber, std::uint32_t vendorNumber);
     /// name = humanReadableDescription, frame, screenNumber = displayID, and
     /// the display's model, serial and vendor numbers.
     explicit ScreenInfo(const Screen& screen);
     /// Reads each key, falling back to "", the zero rectangle or 0 when it is
-    /// missing or holds another type (a ScreenRect for frame, std::uint32_t
+    /// missing or holds another type (a Rect for frame, std::uint32_t
     /// for the numbers). So the dictionary a screen makes comes back with a
     /// zero frame and screenNumber 0: its frame and screen number are stored
     /// as text. Matching uses only the serial number, which survives.
@@ -93,11 +86,11 @@ struct ScreenInfo {
 
 class Screen {
  public:
-    Screen(Dictionary deviceDescription, ScreenRect frame,
-           std::optional<std::string> colorSpaceName, std::weak_ptr<ScreenProvider> provider = {});
+    Screen(Dictionary deviceDescription, Rect frame, std::optional<std::string> colorSpaceName,
+           std::weak_ptr<ScreenProvider> provider = {});
 
     const Dictionary& deviceDescription() const { return deviceDescription_; }
-    ScreenRect frame() const { return frame_; }
+    Rect frame() const { return frame_; }
     /// The colour space's name; none when the screen has none.
     const std::optional<std::string>& colorSpaceName() const { return colorSpaceName_; }
 
@@ -140,7 +133,7 @@ class Screen {
     std::optional<std::int64_t> screenNumberValue() const;
 
     Dictionary deviceDescription_;
-    ScreenRect frame_;
+    Rect frame_;
     std::optional<std::string> colorSpaceName_;
     std::weak_ptr<ScreenProvider> provider_;
 };

@@ -10,7 +10,7 @@ namespace {
 
 using testing::EdidBuilder;
 
-DisplayRecord display(std::uint32_t id, ScreenRect frame, std::uint32_t serial,
+DisplayRecord display(std::uint32_t id, Rect frame, std::uint32_t serial,
                       std::uint16_t model = 0x1234, bool srgb = true,
                       const std::string& maker = "DEL") {
     DisplayRecord r;
@@ -32,12 +32,6 @@ class ScreenInfoTest : public ::testing::Test {
     void TearDown() override { ScreenProvider::install(nullptr); }
     std::shared_ptr<FixedScreenProvider> provider_ = std::make_shared<FixedScreenProvider>();
 };
-
-TEST(ScreenRectTest, StandardTextForm) {
-    EXPECT_EQ((ScreenRect{0, 0, 1920, 1080}).description(), "{{0, 0}, {1920, 1080}}");
-    EXPECT_EQ((ScreenRect{-1280, 0.5, 1280, 1024}).description(), "{{-1280, 0.5}, {1280, 1024}}");
-    EXPECT_EQ((ScreenRect{-0.0, 0, 0, 0}).description(), "{{0, 0}, {0, 0}}");
-}
 
 TEST(ScreenInfoKeysTest, RawValuesInOrder) {
     const char* expected[] = {"name",        "frame",        "screenNumber",
@@ -110,7 +104,7 @@ TEST_F(ScreenInfoTest, TheDictionaryRoundTripLosesFrameAndScreenNumberOnly) {
 TEST(ScreenInfoDictTest, WrongTypesFallBack) {
     const ScreenInfo info(ScreenInfoDictionary{
         {ScreenInfoKeys::name, 42},
-        {ScreenInfoKeys::frame, ScreenRect{1, 2, 3, 4}},
+        {ScreenInfoKeys::frame, Rect{1, 2, 3, 4}},
         {ScreenInfoKeys::modelNumber, std::int64_t{5}},
         {ScreenInfoKeys::serialNumber, std::uint32_t{6}},
     });
@@ -131,7 +125,7 @@ TEST_F(ScreenInfoTest, IdenticalMonitorsMatchTheFirstInOrder) {
     wanted.serialNumber = 6;
     EXPECT_EQ(Screen::findScreenMatchingInfo(wanted), nullptr);
 
-    EXPECT_EQ(Screen::findScreenWithCGDisplayId(12)->frame(), (ScreenRect{200, 0, 100, 100}));
+    EXPECT_EQ(Screen::findScreenWithCGDisplayId(12)->frame(), (Rect{200, 0, 100, 100}));
     EXPECT_EQ(Screen::findScreenWithCGDisplayId(13), nullptr);
 }
 

@@ -28,7 +28,7 @@ struct DisplayRecord {
     /// The display ID; none makes a screen without "NSScreenNumber" (see
     /// screen_info.h).
     std::optional<std::uint32_t> displayID;
-    ScreenRect frame;
+    Rect frame;
     std::string outputName;        // "HDMI-1"; may be empty
     std::optional<EdidInfo> edid;  // none when the display gave none or a broken one
 };
