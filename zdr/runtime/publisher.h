@@ -140,6 +140,16 @@ template <class T>
 using AnyPublisher = std::shared_ptr<Publisher<T>>;
 
 namespace detail {
+/// A pacing interval in seconds as a clock duration. Zero, negative or NaN
+/// paces nothing; absurd values are capped (~95 years) so that deadline
+/// arithmetic cannot overflow.
+inline std::chrono::steady_clock::duration pacingInterval(double seconds) {
+    if (!(seconds > 0)) seconds = 0;
+    seconds = std::min(seconds, 3e9);
+    return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(seconds));
+}
+
 template <class F, class T>
 using MapOutput = std::decay_t<std::invoke_result_t<F&, const T&>>;
 template <class F, class T>
@@ -661,7 +671,7 @@ class ThrottleSubscription final : public Cancellable,
  public:
     ThrottleSubscription(double seconds, DispatchQueue queue, bool latest,
                          std::shared_ptr<Subscriber<T>> d)
-        : interval_(toDuration(seconds)),
+        : interval_(detail::pacingInterval(seconds)),
           queue_(queue),
           latest_(latest),
           delivery_(std::make_shared<QueueDelivery<T>>(std::move(queue), std::move(d))) {}
@@ -708,14 +718,6 @@ class ThrottleSubscription final : public Cancellable,
     UpstreamLink link_;
 
  private:
-    static std::chrono::steady_clock::duration toDuration(double seconds) {
-        // Negative or NaN means no throttling; cap absurd values (~95 years)
-        // so that the deadline arithmetic cannot overflow.
-        if (!(seconds > 0)) seconds = 0;
-        seconds = std::min(seconds, 3e9);
-        return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-            std::chrono::duration<double>(seconds));
-    }
     void windowEnded() {
         std::lock_guard lock(mutex_);
         timerPending_ = false;

@@ -65,6 +65,7 @@
 #include <utility>
 
 #include "zdr/runtime/dispatch_queue.h"
+#include "zdr/runtime/publisher.h"
 #include "zdr/timing/replay_once.h"
 #include "zdr/timing/timing_log.h"
 
@@ -210,7 +211,7 @@ class ZDRThrottler : public std::enable_shared_from_this<ZDRThrottler<T>> {
         Pipeline(std::shared_ptr<ZDRThrottler> owner, double seconds, DispatchQueue queue)
             : owner_(std::move(owner)),
               weakOwner_(owner_),
-              interval_(toDuration(seconds)),
+              interval_(detail::pacingInterval(seconds)),
               queue_(std::move(queue)) {}
 
         void accept(const T& unit) {
@@ -242,15 +243,6 @@ class ZDRThrottler : public std::enable_shared_from_this<ZDRThrottler<T>> {
         }
 
      private:
-        static std::chrono::steady_clock::duration toDuration(double seconds) {
-            // Zero, negative or NaN paces nothing; absurd values are capped
-            // (~95 years) so that deadline arithmetic cannot overflow.
-            if (!(seconds > 0)) seconds = 0;
-            seconds = std::min(seconds, 3e9);
-            return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                std::chrono::duration<double>(seconds));
-        }
-
         void windowEnded() {
             {
                 std::lock_guard lock(mutex_);
