@@ -233,7 +233,8 @@ ScreenCastOutcome screenCastHandshake(const LinuxPermissionOptions& options,
     return outcome;
 }
 
-class PortalScreenPermission : public PermissionProvider {
+class PortalScreenPermission : public PermissionProvider,
+                               public std::enable_shared_from_this<PortalScreenPermission> {
  public:
     explicit PortalScreenPermission(LinuxPermissionOptions options) : options_(std::move(options)) {
         // Decided once: a kept restore token the portal accepts without asking.
@@ -257,7 +258,13 @@ class PortalScreenPermission : public PermissionProvider {
     }
 
     void requestPermission(std::function<void(bool)> handler) override {
-        DispatchQueue::global().async([this, handler = std::move(handler)] {
+        DispatchQueue::global().async([self = shared_from_this(), handler = std::move(handler)] {
+            self->answerRequest(handler);
+        });
+    }
+
+    void answerRequest(const std::function<void(bool)>& handler) {
+        {
             auto outcome = screenCastHandshake(options_, std::nullopt);
             const bool granted = outcome.response == 0u;
             {
@@ -272,7 +279,7 @@ class PortalScreenPermission : public PermissionProvider {
                 defaults()->setString(*outcome.restoreToken, kScreenCastRestoreTokenKey);
             }
             if (handler) handler(granted);
-        });
+        }
     }
     std::string source() const override { return "portal"; }
 

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "zdr/logging/base_destination.h"
+#include "zdr/logging/shared2.h"
 #include "zdr/permissions/permissions_test_support.h"
 #include "zdr/runtime/user_defaults.h"
 #include "zdr/testing/dbus_session_fixture.h"
@@ -268,7 +270,29 @@ TEST_F(PortalProvidersTest, ScriptingActivatesTheApplication) {
     EXPECT_EQ(ApplescriptPermissions(kScriptedApp).authorizationStatus(), S::denied);
 }
 
+class RecordingDestination : public BaseDestination {
+ public:
+    using BaseDestination::BaseDestination;
+    void output(const LogDetails& details, std::string_view) override {
+        std::lock_guard lock(mutex_);
+        messages_.emplace_back(details.message);
+    }
+    std::vector<std::string> messages() const {
+        std::lock_guard lock(mutex_);
+        return messages_;
+    }
+
+ private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> messages_;
+};
+
 TEST(ApplescriptPermissionsTest, ScriptTextAndRunnerSeeTheName) {
+    auto logger = XCGLogger::make("general", false);
+    auto destination = std::make_shared<RecordingDestination>("record");
+    logger->add(destination);
+    Shared2::setGeneral(logger);
+
     struct Recorder : ScriptRunner {
         std::vector<std::pair<std::string, std::string>> runs;
         bool run(const std::string& text, const std::string& app, std::string* info) override {
@@ -288,6 +312,9 @@ TEST(ApplescriptPermissionsTest, ScriptTextAndRunnerSeeTheName) {
     ASSERT_EQ(recorder->runs.size(), 2u);
     EXPECT_EQ(recorder->runs[0].first, "tell application \"Notes\"\n  activate\nend tell");
     EXPECT_EQ(recorder->runs[0].second, "Notes");
+    const auto messages = destination->messages();
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "Got an auth error: refused"), 2)
+        << ::testing::PrintToString(messages);
 }
 
 TEST(DeviceProvidersTest, CameraFromVideoNodes) {
