@@ -177,14 +177,15 @@ TEST_F(PortalProvidersTest, SandboxedRequestsGoThroughTheCameraAndDevicePortals)
 
 TEST_F(PortalProvidersTest, CancelledFailedOrUnansweredRequestsStayUndecided) {
     root_.sandbox(kApp);
-    for (auto answer : {Answer::cancel, Answer::error, Answer::noAnswer}) {
+    for (auto answer : {Answer::cancel, Answer::error, Answer::noAnswer, Answer::garbage}) {
         portal_->setDeviceAnswer(answer);
         options_.responseTimeout = 300ms;
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(request(PermissionTarget::camera), S::notDetermined);
         EXPECT_LT(std::chrono::steady_clock::now() - start, 8s);
     }
-    EXPECT_EQ(portal_->dialogs(), 3);
+    EXPECT_EQ(portal_->dialogs(), 4);
+    EXPECT_TRUE(portal_->storeEntry("devices", "camera", kApp).empty());
 }
 
 TEST_F(PortalProvidersTest, DeniedSandboxedCameraWithPromptExplainsOnce) {

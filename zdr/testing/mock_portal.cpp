@@ -7,6 +7,12 @@
 namespace zdr::testing {
 namespace {
 
+// A Response whose body is not (u, a{sv}).
+int emitGarbageResponse(sd_bus_message* m, const std::string& path) {
+    return sd_bus_emit_signal(sd_bus_message_get_bus(m), path.c_str(),
+                              "org.freedesktop.portal.Request", "Response", "s", "garbage");
+}
+
 const char* kRequestPrefix = "/org/freedesktop/portal/desktop/request/mock/";
 
 // Skips the a{sv} options, returning "restore_token" if present.
@@ -268,6 +274,8 @@ int MockPortal::deviceDialog(sd_bus_message* m, const std::string& id, sd_bus_er
             return emitResponse(m, path, 2);
         case Answer::cancel:
             return emitResponse(m, path, 1);
+        case Answer::garbage:
+            return emitGarbageResponse(m, path);
         default:
             return 1;
     }
