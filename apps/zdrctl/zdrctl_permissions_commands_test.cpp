@@ -67,10 +67,11 @@ TEST_F(PermissionsCommandTest, BadCommandLines) {
     EXPECT_TRUE(providers_->made().empty());
 }
 
-TEST(PermissionsCommandLinuxTest, X11SessionWithoutDevicesOutsideASandbox) {
+TEST(PermissionsCommandLinuxTest, X11SessionWithoutDevicesOrDisplayOutsideASandbox) {
     LinuxPermissionOptions options;
     options.root = std::filesystem::temp_directory_path() / "zdr-no-such-root";
     options.sessionType = "x11";
+    options.display = ":4242";  // no X server answers there
     options.audioServerReachable = [] { return false; };
     PermissionProviders::install(std::make_shared<LinuxPermissionProviders>(options));
     std::ostringstream out, err;
@@ -79,7 +80,7 @@ TEST(PermissionsCommandLinuxTest, X11SessionWithoutDevicesOutsideASandbox) {
     auto list = nlohmann::json::parse(out.str());
     EXPECT_EQ(list[0]["statusText"], "restricted");
     EXPECT_EQ(list[0]["source"], "device");
-    EXPECT_EQ(list[2]["statusText"], "authorized");
+    EXPECT_EQ(list[2]["statusText"], "denied");
     EXPECT_EQ(list[2]["source"], "session");
 }
 

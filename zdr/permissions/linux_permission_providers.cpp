@@ -4,6 +4,7 @@
 #include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <xcb/xcb.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -167,15 +168,37 @@ class DevicePermission : public PermissionProvider {
     LinuxPermissionOptions options_;
 };
 
+// An X11 client may read the whole screen once it is connected; the
+// connection is the trial, made once when the provider is made.
 class X11ScreenPermission : public PermissionProvider {
  public:
-    AskAuthorizationStatus authorizationStatus() const override {
-        return AskAuthorizationStatus::authorized;
+    explicit X11ScreenPermission(const LinuxPermissionOptions& options) {
+        std::optional<std::string> display = options.display;
+        if (!display) {
+            if (const char* env = std::getenv("DISPLAY")) display = env;
+        }
+        if (!display || display->empty()) {
+            Shared2::general()->error("X11 session without a display to capture");
+            return;
+        }
+        xcb_connection_t* connection = xcb_connect(display->c_str(), nullptr);
+        const int failure = xcb_connection_has_error(connection);
+        xcb_disconnect(connection);
+        if (failure != 0) {
+            Shared2::general()->error("Cannot connect to X display {}: xcb error {}", *display,
+                                      failure);
+            return;
+        }
+        status_ = AskAuthorizationStatus::authorized;
     }
+    AskAuthorizationStatus authorizationStatus() const override { return status_; }
     void requestPermission(std::function<void(bool)> handler) override {
         if (handler) handler(false);
     }
     std::string source() const override { return "session"; }
+
+ private:
+    AskAuthorizationStatus status_ = AskAuthorizationStatus::denied;
 };
 
 // The ScreenCast portal's session handshake; true with the new restore token
@@ -390,7 +413,7 @@ std::shared_ptr<PermissionProvider> LinuxPermissionProviders::makeProvider(
             return std::make_shared<DevicePermission>(target, options_);
         case PermissionTarget::screen:
             if (!sandboxed && sessionType(options_) == "x11") {
-                return std::make_shared<X11ScreenPermission>();
+                return std::make_shared<X11ScreenPermission>(options_);
             }
             return std::make_shared<PortalScreenPermission>(options_);
         case PermissionTarget::applescript:

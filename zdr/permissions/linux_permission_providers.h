@@ -9,7 +9,8 @@
 //   an audio server's socket or an openable capture node (/dev/snd/pcmC*D*c)
 //   is there; the camera when a /dev/video* node opens (present but none
 //   opens: denied; none: restricted). Nothing asks a person there.
-// - Screen: an X11 session is authorized. On Wayland (and in a sandbox) the
+// - Screen: an X11 session is authorized when its display accepts a
+//   connection (the trial capture), else denied. On Wayland (and in a sandbox) the
 //   ScreenCast portal: authorized when the restore token kept in the user
 //   defaults is accepted without a dialog, else not determined; asking runs
 //   the portal's session handshake and keeps the new restore token. The status
@@ -51,6 +52,8 @@ struct LinuxPermissionOptions {
     /// "x11" or "wayland"; none: $XDG_SESSION_TYPE, else $WAYLAND_DISPLAY,
     /// else $DISPLAY.
     std::optional<std::string> sessionType;
+    /// The X display for an X11 session (":0"); none: $DISPLAY.
+    std::optional<std::string> display;
     /// Whether an audio server answers; none: look for its socket
     /// ($PULSE_SERVER, $XDG_RUNTIME_DIR/pulse/native or pipewire-0).
     std::function<bool()> audioServerReachable;

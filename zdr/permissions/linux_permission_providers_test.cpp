@@ -16,6 +16,7 @@
 #include "zdr/testing/dbus_session_fixture.h"
 #include "zdr/testing/eventually.h"
 #include "zdr/testing/mock_portal.h"
+#include "zdr/testing/xvfb_fixture.h"
 
 namespace zdr {
 namespace {
@@ -243,12 +244,34 @@ TEST_F(PortalProvidersTest, WaylandScreenRefusedOrUnknownToken) {
     EXPECT_EQ(request(PermissionTarget::screen), S::notDetermined);
 }
 
-TEST_F(PortalProvidersTest, X11ScreenIsAuthorizedWithoutTheBus) {
+TEST_F(PortalProvidersTest, X11ScreenWithoutADisplayIsDeniedWithoutTheBus) {
     options_.sessionType = "x11";
+    options_.display = ":4242";  // nobody answers there
     auto provider = LinuxPermissionProviders(options_).makeProvider(PermissionTarget::screen);
-    EXPECT_EQ(provider->authorizationStatus(), S::authorized);
+    EXPECT_EQ(provider->authorizationStatus(), S::denied);
     EXPECT_EQ(provider->source(), "session");
     EXPECT_TRUE(portal_->calls().empty());
+}
+
+class X11ScreenTest : public testing::XvfbTest {};
+
+TEST_F(X11ScreenTest, AuthorizedWhileTheDisplayAnswersDecidedOnce) {
+    LinuxPermissionOptions options;
+    options.sessionType = "x11";
+    options.display = server().displayName();
+    options.sessionBusAddress = "unix:path=/nonexistent/zdr-bus";
+    auto provider = LinuxPermissionProviders(options).makeProvider(PermissionTarget::screen);
+    EXPECT_EQ(provider->authorizationStatus(), S::authorized);
+    server().stop();
+    // Decided when made: the old provider keeps its answer, a new one tries again.
+    EXPECT_EQ(provider->authorizationStatus(), S::authorized);
+    EXPECT_EQ(LinuxPermissionProviders(options)
+                  .makeProvider(PermissionTarget::screen)
+                  ->authorizationStatus(),
+              S::denied);
+    bool answered = true;
+    provider->requestPermission([&](bool ok) { answered = ok; });
+    EXPECT_FALSE(answered);
 }
 
 TEST_F(PortalProvidersTest, ScriptingActivatesTheApplication) {

@@ -1,4 +1,5 @@
-// The status of the three targets outside a sandbox on X11 (no D-Bus at all)
+// The status of the three targets outside a sandbox on X11 (a private Xvfb;
+// no D-Bus at all)
 // against the cheapest check it has to make: one stat of a video node.
 #include <benchmark/benchmark.h>
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 
 #include "zdr/permissions/ask_permission.h"
 #include "zdr/permissions/linux_permission_providers.h"
+#include "zdr/testing/xvfb_fixture.h"
 
 namespace {
 
@@ -29,9 +31,16 @@ struct ScratchDev {
 
 void BM_DetermineExistingPermissions(benchmark::State& state) {
     ScratchDev dev;
+    zdr::testing::XvfbServer xvfb;
+    std::string error;
+    if (!xvfb.start(&error)) {
+        state.SkipWithError(error.c_str());
+        return;
+    }
     zdr::LinuxPermissionOptions options;
     options.root = dev.root;
     options.sessionType = "x11";
+    options.display = xvfb.displayName();
     // An unreachable bus: any D-Bus call would fail slowly and show here.
     options.sessionBusAddress = "unix:path=" + (dev.root / "no-bus").string();
     zdr::PermissionProviders::install(std::make_shared<zdr::LinuxPermissionProviders>(options));
