@@ -10,7 +10,7 @@ packages=(
     systemtap-sdt-dev
     pulseaudio pulseaudio-utils
     pipewire pipewire-pulse wireplumber dbus-daemon
-    xvfb libx11-dev libxrandr-dev edid-decode libproc2-dev
+    xvfb libx11-dev libxcb1-dev libxrandr-dev edid-decode libproc2-dev
     libpcre2-dev libicu-dev libutf8proc-dev libpango1.0-dev
     libcpp-httplib-dev
     clang

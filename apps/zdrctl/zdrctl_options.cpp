@@ -40,6 +40,10 @@ Commands:
                        desktop-file ID); with NAME, the pids whose kernel name
                        (at most 15 bytes) is NAME, and the search's status
                        (exit code 1 when none is found).
+  permissions [--json] The microphone, camera, screen and scripting
+                       permissions: status and where it came from.
+  permissions request microphone|camera|screen
+                       Ask for one (exit code 1 when not granted).
 
 Options:
   --backend NAME       pulse or simulated. Default: $ZDR_AUDIO_BACKEND, else the

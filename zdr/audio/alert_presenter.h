@@ -2,9 +2,10 @@
 // user interface installs one (GTK, Qt...); without one, code that would ask
 // takes its safe default and logs the message instead.
 //
-// The library asks for single-button alerts: a title, a message, the button's
-// text, and optionally a suppression check box ("Don't show this again")
-// whose state the presenter reports back after the alert is closed.
+// The library asks for alerts with a title, a message, the first button's
+// text, optionally more buttons to its right, and optionally a suppression
+// check box ("Don't show this again") whose state the presenter reports back
+// after the alert is closed, with the button that closed it.
 //
 // Thread safety: install()/installed() from any thread. runModal() is called
 // on the thread that drives the user interface (the main thread) and returns
@@ -14,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace zdr {
 
@@ -23,12 +25,20 @@ struct AlertRequest {
     std::string buttonText;
     /// The check box's title; none: no check box.
     std::optional<std::string> suppressionCheckboxTitle;
+    /// Buttons after the first, in order ("Privacy Settings"...).
+    std::vector<std::string> otherButtons;
 };
+
+/// Modal responses: the first button is 1000, the next 1001, and so on.
+inline constexpr int kAlertFirstButtonReturn = 1000;
+inline constexpr int kAlertSecondButtonReturn = 1001;
 
 struct AlertResponse {
     /// Whether the suppression check box was on when the alert was closed
     /// (false when there was none).
     bool suppressionChecked = false;
+    /// Which button closed the alert (kAlertFirstButtonReturn + index).
+    int modalResponse = kAlertFirstButtonReturn;
 };
 
 class AlertPresenter {
