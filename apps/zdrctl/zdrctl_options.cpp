@@ -40,6 +40,11 @@ Commands:
                        desktop-file ID); with NAME, the pids whose kernel name
                        (at most 15 bytes) is NAME, and the search's status
                        (exit code 1 when none is found).
+  analytics-test --endpoint URL [--measurement-id ID] [--client-id ID]
+                 [--timeout SECONDS]
+                       Send one application-start analytics event to URL's
+                       "/g/collect" and print what went out and the status
+                       (exit code 1 when the collector does not answer 2xx).
 
 Options:
   --backend NAME       pulse or simulated. Default: $ZDR_AUDIO_BACKEND, else the
