@@ -371,5 +371,10 @@ void resetGoogleAnalytics4ForTesting() {
     state().timeoutSeconds.store(GoogleAnalytics4::kDefaultRequestTimeoutSeconds);
 }
 
+void setGoogleAnalytics4QueueForTesting(std::vector<GA4Event> queue) {
+    std::lock_guard lock(state().mutex);
+    state().queue = std::move(queue);
+}
+
 }  // namespace detail
 }  // namespace zdr
