@@ -171,22 +171,24 @@ void GoogleAnalytics4::setup(const std::string& api_secret, const std::string& m
     state().session_id = session;
 }
 
-void GoogleAnalytics4::track(const GA4Event& event) { track(std::vector<GA4Event>{event}); }
+void GoogleAnalytics4::track(const GA4Event& event) { _append(event); }
 
 void GoogleAnalytics4::track(const std::vector<GA4Event>& events) {
-    for (const GA4Event& event : events) {
-        bool previousWasEmpty = false;
-        std::size_t countNow = 0;
-        {
-            std::lock_guard lock(state().mutex);
-            auto& queue = state().queue;
-            if (std::find(queue.begin(), queue.end(), event) != queue.end()) continue;
-            previousWasEmpty = queue.empty();
-            queue.push_back(event);
-            countNow = queue.size();
-        }
-        _queueObserver(previousWasEmpty, countNow);
+    for (const GA4Event& event : events) _append(event);
+}
+
+void GoogleAnalytics4::_append(const GA4Event& event) {
+    bool previousWasEmpty = false;
+    std::size_t countNow = 0;
+    {
+        std::lock_guard lock(state().mutex);
+        auto& queue = state().queue;
+        if (std::find(queue.begin(), queue.end(), event) != queue.end()) return;
+        previousWasEmpty = queue.empty();
+        queue.push_back(event);
+        countNow = queue.size();
     }
+    _queueObserver(previousWasEmpty, countNow);
 }
 
 bool GoogleAnalytics4::isEmpty() {
@@ -371,9 +373,9 @@ void resetGoogleAnalytics4ForTesting() {
     state().timeoutSeconds.store(GoogleAnalytics4::kDefaultRequestTimeoutSeconds);
 }
 
-void setGoogleAnalytics4QueueForTesting(std::vector<GA4Event> queue) {
+void setGoogleAnalytics4QueueForTesting(const std::vector<GA4Event>& queue) {
     std::lock_guard lock(state().mutex);
-    state().queue = std::move(queue);
+    state().queue.assign(queue.begin(), queue.end());
 }
 
 }  // namespace detail

@@ -80,6 +80,8 @@ class GoogleAnalytics4 {
 
  private:
     static void _sendQueuedParameters();
+    // One event: dropped when an equal one waits, else appended and observed.
+    static void _append(const GA4Event& event);
     // Runs after every append, knowing whether the queue was empty before it
     // and how long it is now.
     static void _queueObserver(bool previousWasEmpty, std::size_t countNow);

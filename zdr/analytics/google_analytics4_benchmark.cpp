@@ -28,8 +28,9 @@ void BM_GA4_Track(benchmark::State& state) {
     const auto events = distinctEvents();
     // The window is already open (one event waits), so no send is scheduled
     // and the figure is the append path alone.
+    const std::vector<zdr::GA4Event> waiting{kWaiting};
     for (auto _ : state) {
-        zdr::detail::setGoogleAnalytics4QueueForTesting({kWaiting});
+        zdr::detail::setGoogleAnalytics4QueueForTesting(waiting);
         for (const auto& event : events) zdr::GoogleAnalytics4::track(event);
     }
     state.SetItemsProcessed(state.iterations() * kAppendsPerRound);
@@ -39,9 +40,10 @@ BENCHMARK(BM_GA4_Track);
 
 void BM_VectorFindPushBaseline(benchmark::State& state) {
     const auto events = distinctEvents();
+    const std::vector<zdr::GA4Event> waiting{kWaiting};
     std::vector<zdr::GA4Event> queue;
     for (auto _ : state) {
-        queue = {kWaiting};
+        queue.assign(waiting.begin(), waiting.end());
         for (const auto& event : events) {
             if (std::find(queue.begin(), queue.end(), event) == queue.end()) queue.push_back(event);
         }

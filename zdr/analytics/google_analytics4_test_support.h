@@ -12,6 +12,6 @@ namespace zdr::detail {
 void resetGoogleAnalytics4ForTesting();
 /// Replaces the queue without running the queue observer (no send is
 /// scheduled), for benchmarks that measure appends to a queue of a given size.
-void setGoogleAnalytics4QueueForTesting(std::vector<GA4Event> queue);
+void setGoogleAnalytics4QueueForTesting(const std::vector<GA4Event>& queue);
 
 }  // namespace zdr::detail
