@@ -57,7 +57,8 @@ struct HttpCaptureServer::Impl {
 };
 
 HttpCaptureServer::HttpCaptureServer(int status) : impl_(std::make_unique<Impl>()) {
-    auto handler = [this, status](const httplib::Request& request, httplib::Response& response) {
+    auto record = [this, status](const httplib::Request& request, std::string body,
+                                 httplib::Response& response) {
         const int now = ++active_;
         int peak = peak_.load();
         while (now > peak && !peak_.compare_exchange_weak(peak, now)) {
@@ -66,7 +67,7 @@ HttpCaptureServer::HttpCaptureServer(int status) : impl_(std::make_unique<Impl>(
         recorded.method = request.method;
         recorded.path = request.path;
         recorded.query = parseQuery(request.target);
-        recorded.body = request.body;
+        recorded.body = std::move(body);
         for (const auto& [key, value] : request.headers) recorded.headers.emplace_back(key, value);
         {
             std::lock_guard lock(impl_->mutex);
@@ -75,8 +76,22 @@ HttpCaptureServer::HttpCaptureServer(int status) : impl_(std::make_unique<Impl>(
         response.status = status;
         --active_;
     };
-    impl_->server.Post(".*", handler);
-    impl_->server.Get(".*", handler);
+    // The body is read through a content reader: the plain handler makes
+    // httplib parse a form-encoded body as parameters, which it refuses with
+    // 413 above 8 KiB, and a recorder must take any body as it comes.
+    impl_->server.set_payload_max_length(std::size_t{64} << 20);
+    impl_->server.Post(".*", [record](const httplib::Request& request, httplib::Response& response,
+                                      const httplib::ContentReader& reader) {
+        std::string body;
+        reader([&body](const char* data, std::size_t length) {
+            body.append(data, length);
+            return true;
+        });
+        record(request, std::move(body), response);
+    });
+    impl_->server.Get(".*", [record](const httplib::Request& request, httplib::Response& response) {
+        record(request, std::string(), response);
+    });
     port_ = impl_->server.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("HttpCaptureServer: cannot bind 127.0.0.1");
     impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
