@@ -5,6 +5,7 @@
 
 #include <iostream>
 
+#include "apps/zdrctl/zdrctl_analytics_commands.h"
 #include "apps/zdrctl/zdrctl_channel_commands.h"
 #include "apps/zdrctl/zdrctl_commands.h"
 #include "apps/zdrctl/zdrctl_machine_commands.h"
@@ -27,6 +28,7 @@ int main(int argc, char** argv) {
     // screens and processes need no audio backend.
     if (auto rc = runMachineCommand(args, std::cout, std::cerr)) return *rc;
     if (auto rc = runPermissionsCommand(args, std::cout, std::cerr)) return *rc;
+    if (auto rc = runAnalyticsCommand(args, std::cout, std::cerr)) return *rc;
     const ParseResult parsed = parseArguments(args);
     if (!parsed.options) {
         std::cerr << "zdrctl: " << parsed.error << "\nRun 'zdrctl --help' for usage.\n";

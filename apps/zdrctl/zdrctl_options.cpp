@@ -44,6 +44,11 @@ Commands:
                        permissions: status and where it came from.
   permissions request microphone|camera|screen
                        Ask for one (exit code 1 when not granted).
+  analytics-test --endpoint URL [--measurement-id ID] [--client-id ID]
+                 [--timeout SECONDS]
+                       Send one application-start analytics event to URL's
+                       "/g/collect" and print what went out and the status
+                       (exit code 1 when the collector does not answer 2xx).
 
 Options:
   --backend NAME       pulse or simulated. Default: $ZDR_AUDIO_BACKEND, else the
