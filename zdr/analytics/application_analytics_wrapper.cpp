@@ -6,7 +6,7 @@
 #include "zdr/logging/shared2.h"
 #include "zdr/runtime/user_defaults.h"
 #include "zdr/system/environment.h"
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 #include "zdr/timing/serial.h"
 
 namespace zdr {

@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "zdr/runtime/bundle.h"
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 

@@ -15,7 +15,7 @@
 #include "zdr/logging/shared2.h"
 #include "zdr/runtime/dispatch_queue.h"
 #include "zdr/timing/dispatch_lock.h"
-#include "zdr/timing/fatal_error.h"
+#include "zdr/timing/detail/fatal_error.h"
 
 namespace zdr {
 namespace {
