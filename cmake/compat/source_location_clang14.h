@@ -10,7 +10,9 @@
 
 #include <version>
 
-#if defined(__clang__) && !defined(__cpp_lib_source_location) && \
+// CMake's compiler checks compile with this header too, in the compiler's
+// default language mode, where consteval does not exist yet.
+#if defined(__clang__) && __cplusplus >= 202002L && !defined(__cpp_lib_source_location) && \
     !__has_builtin(__builtin_source_location)
 #include <cstdint>
 
