@@ -38,7 +38,7 @@ std::string_view preferencesLink(PermissionTarget target);
 /// Opens the target's settings page through Trust::workspace().
 void openPreferences(PermissionTarget target);
 /// The resource name of the target's picture, for user interfaces (an icon
-/// name from the freedesktop icon naming specification).
+/// name from the freedesktop icon naming rules).
 std::string_view image(PermissionTarget target);
 /// "microphone", "camera", "screen", "applescript" (for logs and tools).
 std::string_view permissionTargetName(PermissionTarget target);
