@@ -19,7 +19,9 @@
 namespace std {
 
 struct source_location {
-    static consteval source_location current(const char* file = __builtin_FILE(),
+    // constexpr rather than consteval: clang 14 refuses a consteval call as the
+    // default argument of another consteval function (the log formats' own).
+    static constexpr source_location current(const char* file = __builtin_FILE(),
                                              const char* function = __builtin_FUNCTION(),
                                              uint_least32_t line = __builtin_LINE(),
                                              uint_least32_t column = __builtin_COLUMN()) noexcept {
