@@ -24,6 +24,15 @@ void answer(const PermissionHandler& handler, AskAuthorizationStatus status,
     if (handler) handler(status, error);
 }
 
+// A decided status is the answer at once; only an undecided one asks.
+void answerOrRequest(std::shared_ptr<PermissionProvider> provider, PermissionHandler handler) {
+    const auto status = provider->authorizationStatus();
+    if (status != AskAuthorizationStatus::notDetermined) {
+        answer(handler, status);
+        return;
+    }
+    AskPermission::continuePermissionWith(std::move(provider), std::move(handler));
+}
 }  // namespace
 
 std::shared_ptr<PermissionProviders> PermissionProviders::installed() {
@@ -49,12 +58,7 @@ void AskPermission::requestPermissionFor(PermissionTarget type, PermissionHandle
         answer(handler, AskAuthorizationStatus::notDetermined);
         return;
     }
-    const auto status = provider->authorizationStatus();
-    if (status != AskAuthorizationStatus::notDetermined) {
-        answer(handler, status);
-        return;
-    }
-    continuePermissionWith(std::move(provider), std::move(handler));
+    answerOrRequest(std::move(provider), std::move(handler));
 }
 
 void AskPermission::requestPermissionForApplescript(const std::string& targetAppName,
@@ -65,12 +69,7 @@ void AskPermission::requestPermissionForApplescript(const std::string& targetApp
                PermissionError::noTargetNameSpecified);
         return;
     }
-    const auto status = provider->authorizationStatus();
-    if (status != AskAuthorizationStatus::notDetermined) {
-        answer(handler, status);
-        return;
-    }
-    continuePermissionWith(std::move(provider), std::move(handler));
+    answerOrRequest(std::move(provider), std::move(handler));
 }
 
 void AskPermission::continuePermissionWith(std::shared_ptr<PermissionProvider> provider,
@@ -107,12 +106,7 @@ void AskPermission::askPermissionForScreen(bool prompt, PermissionHandler handle
         answer(wrapped, AskAuthorizationStatus::notDetermined);
         return;
     }
-    const auto status = provider->authorizationStatus();
-    if (status != AskAuthorizationStatus::notDetermined) {
-        answer(wrapped, status);
-        return;
-    }
-    continuePermissionWith(std::move(provider), std::move(wrapped));
+    answerOrRequest(std::move(provider), std::move(wrapped));
 }
 
 void AskPermission::askPermissionForDevice(bool prompt, const CaptureDeviceDescription& device,
